@@ -1,0 +1,77 @@
+#include "app/terminal_text.h"
+
+#include <algorithm>
+
+#include "process/process_reader.h"
+
+namespace wharfy::app {
+namespace {
+
+size_t displayWidth(std::string_view s) {
+    size_t n = 0;
+    for (unsigned char c : s)
+        if ((c & 0xC0) != 0x80) ++n;
+    return n;
+}
+
+void appendHex(std::string& out, const char* prefix, unsigned value, const char* suffix = "") {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    out += prefix;
+    out += kDigits[(value >> 4) & 0xF];
+    out += kDigits[value & 0xF];
+    out += suffix;
+}
+
+}  // namespace
+
+std::string terminalSafe(std::string_view text) {
+    const std::string repaired = nemarro::process::repairUtf8(text);
+    std::string out;
+    out.reserve(repaired.size());
+    const auto* s = reinterpret_cast<const unsigned char*>(repaired.data());
+    for (size_t i = 0; i < repaired.size(); ++i) {
+        unsigned char c = s[i];
+        if (c == '\\') out += "\\\\";
+        else if (c == 0x1B) out += "\\e";
+        else if (c == '\n') out += "\\n";
+        else if (c == '\t') out += "\\t";
+        else if (c == '\r') out += "\\r";
+        else if (c < 0x20 || c == 0x7F) appendHex(out, "\\x", c);
+        else if (c == 0xC2 && i + 1 < repaired.size() && s[i + 1] >= 0x80 && s[i + 1] <= 0x9F) {
+            // C1 controls (U+0080..U+009F) include CSI, which terminals honour too.
+            appendHex(out, "\\u{", s[i + 1], "}");
+            ++i;
+        } else out.push_back(static_cast<char>(c));
+    }
+    return out;
+}
+
+TextTable::TextTable(std::vector<std::string> headers) : headers_(std::move(headers)) {}
+
+void TextTable::add(std::vector<std::string> row) {
+    row.resize(headers_.size());
+    rows_.push_back(std::move(row));
+}
+
+std::string TextTable::render() const {
+    std::vector<size_t> widths(headers_.size());
+    for (size_t c = 0; c < headers_.size(); ++c) widths[c] = displayWidth(headers_[c]);
+    for (const auto& row : rows_)
+        for (size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], displayWidth(row[c]));
+    std::string out;
+    auto line = [&](const std::vector<std::string>& cells) {
+        std::string l;
+        for (size_t c = 0; c < cells.size(); ++c) {
+            l += cells[c];
+            if (c + 1 < cells.size()) l.append(widths[c] - displayWidth(cells[c]) + 2, ' ');
+        }
+        while (!l.empty() && l.back() == ' ') l.pop_back();
+        out += l;
+        out += '\n';
+    };
+    line(headers_);
+    for (const auto& row : rows_) line(row);
+    return out;
+}
+
+}  // namespace wharfy::app

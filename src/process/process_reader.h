@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace nemarro::process {
+
+/// The basic facts of one process.
+struct BSDInfo {
+    int32_t ppid = 0;
+    /// Effective user id.
+    uint32_t uid = 0;
+    /// Microseconds since the epoch; with the pid it forms the ProcessIdentity.
+    uint64_t startTime = 0;
+    std::string name;
+    /// Kernel process status; 5 is a zombie on every platform we support.
+    uint32_t status = 0;
+
+    static constexpr uint32_t kZombie = 5;
+    bool isZombie() const { return status == kZombie; }
+
+    bool operator==(const BSDInfo&) const = default;
+};
+
+/// Cumulative resource counters of one process, read at one moment.
+struct Usage {
+    /// Private resident memory in bytes.
+    uint64_t footprint = 0;
+    /// User plus system CPU time in TickClock ticks.
+    uint64_t cpuTicks = 0;
+    /// Bytes read from and written to storage; absent when the platform will not tell.
+    std::optional<uint64_t> diskRead;
+    std::optional<uint64_t> diskWritten;
+
+    bool operator==(const Usage&) const = default;
+};
+
+/// One open descriptor of a process.
+struct FileDescriptor {
+    int32_t fd = 0;
+    uint32_t type = 0;
+    /// Kernel socket inode when `type` is kSocket, else 0.
+    uint64_t socketInode = 0;
+
+    static constexpr uint32_t kOther = 0;
+    static constexpr uint32_t kSocket = 2;
+
+    bool operator==(const FileDescriptor&) const = default;
+};
+
+/// Stateless reads of the kernel's per-process information. Every read that
+/// fails (process gone, another user's, no rights) is an absent value.
+struct ProcessReader {
+    /// Every pid >= 1, in kernel order.
+    static std::vector<int32_t> allPIDs();
+    static std::optional<BSDInfo> bsdInfo(int32_t pid);
+    static std::optional<std::string> executablePath(int32_t pid);
+    static std::optional<std::string> currentDirectory(int32_t pid);
+    /// argv, argv[0] first, UTF-8 repaired.
+    static std::optional<std::vector<std::string>> arguments(int32_t pid);
+    /// The same read into a caller-owned buffer, so a scan allocates it once.
+    static std::optional<std::vector<std::string>> arguments(int32_t pid,
+                                                             std::vector<char>& buffer);
+    static std::optional<Usage> usage(int32_t pid);
+    /// The descriptor table, in descriptor order.
+    static std::optional<std::vector<FileDescriptor>> fileDescriptors(int32_t pid);
+    /// The socket inode that descriptor `fd` of `pid` names now, if it is a socket.
+    static std::optional<uint64_t> socketInode(int32_t pid, int32_t fd);
+    /// The bytes a full argument read may need.
+    static size_t argumentsBufferSize();
+};
+
+/// Decodes a macOS KERN_PROCARGS2 buffer (argc, executable path, padding,
+/// argv strings, environment): absent below 4 bytes, empty for argc < 1 or a
+/// buffer that ends before the first argument. The environment is never read.
+std::optional<std::vector<std::string>> parseProcArgs(std::span<const std::byte> buffer);
+
+/// Bytes that are not valid UTF-8 replaced by U+FFFD.
+std::string repairUtf8(std::string_view bytes);
+
+}  // namespace nemarro::process

@@ -1,0 +1,144 @@
+// A small program the real-machine tests drive: it opens the sockets it is
+// told to, optionally forks workers that share them, and reports on stdout
+// one line "ready <port>... pids <pid>..." before it sleeps.
+//
+//   --listen ADDR:PORT   TCP listener (IPv6 in brackets, port 0 = any free)
+//   --udp ADDR:PORT      UDP socket
+//   --connected          a connected TCP pair to a private listener (closed)
+//   --workers N          fork N workers that inherit every socket
+//   --zombie             fork a child that exits at once and is never reaped
+//   --ignore-term        ignore SIGTERM
+//   --exit-on-term       (default) exit 0 on SIGTERM
+//   --busy               spin on the CPU instead of sleeping
+//   --uid N              drop to uid/gid N first (needs root)
+//   --name NAME          set the kernel command name
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+[[noreturn]] void die(const std::string& what) {
+    std::fprintf(stderr, "test-process: %s: %s\n", what.c_str(), std::strerror(errno));
+    std::exit(2);
+}
+
+int openSocket(const std::string& spec, int type) {
+    auto colon = spec.rfind(':');
+    if (colon == std::string::npos) die("bad address " + spec);
+    std::string host = spec.substr(0, colon);
+    int port = std::atoi(spec.c_str() + colon + 1);
+    bool v6 = host.size() >= 2 && host.front() == '[';
+    if (v6) host = host.substr(1, host.size() - 2);
+    int fd = ::socket(v6 ? AF_INET6 : AF_INET, type, 0);
+    if (fd < 0) die("socket");
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (v6) {
+        int only = (host == "::" || host.rfind("::ffff:", 0) == 0) ? 0 : 1;
+        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
+        sockaddr_in6 a{};
+        a.sin6_family = AF_INET6;
+        a.sin6_port = htons(static_cast<uint16_t>(port));
+        if (::inet_pton(AF_INET6, host.c_str(), &a.sin6_addr) != 1) die("address " + host);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("bind " + spec);
+    } else {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        if (::inet_pton(AF_INET, host.c_str(), &a.sin_addr) != 1) die("address " + host);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("bind " + spec);
+    }
+    if (type == SOCK_STREAM && ::listen(fd, 16) != 0) die("listen");
+    return fd;
+}
+
+int boundPort(int fd) {
+    sockaddr_storage s{};
+    socklen_t len = sizeof s;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&s), &len);
+    if (s.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6*>(&s)->sin6_port);
+    return ntohs(reinterpret_cast<sockaddr_in*>(&s)->sin_port);
+}
+
+void onTerm(int) { _exit(0); }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    int workers = 0;
+    bool zombie = false, busy = false, ignoreTerm = false, connected = false;
+    std::vector<int> listeners;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto next = [&]() -> std::string {
+            if (i + 1 >= args.size()) die("missing value for " + a);
+            return args[++i];
+        };
+        if (a == "--uid") {
+            auto id = static_cast<unsigned>(std::atoi(next().c_str()));
+            if (::setgid(id) != 0 || ::setuid(id) != 0) die("drop privileges");
+        } else if (a == "--listen") listeners.push_back(openSocket(next(), SOCK_STREAM));
+        else if (a == "--udp") openSocket(next(), SOCK_DGRAM);
+        else if (a == "--connected") connected = true;
+        else if (a == "--workers") workers = std::atoi(next().c_str());
+        else if (a == "--zombie") zombie = true;
+        else if (a == "--ignore-term") ignoreTerm = true;
+        else if (a == "--exit-on-term") ignoreTerm = false;
+        else if (a == "--busy") busy = true;
+        else if (a == "--name") ::prctl(PR_SET_NAME, next().c_str(), 0, 0, 0);
+        else die("unknown option " + a);
+    }
+    if (connected) {
+        int server = openSocket("127.0.0.1:0", SOCK_STREAM);
+        int client = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(boundPort(server)));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(client, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("connect");
+        int accepted = ::accept(server, nullptr, nullptr);
+        if (accepted < 0) die("accept");
+        ::close(server);  // only the connected pair stays
+    }
+    ::signal(SIGTERM, ignoreTerm ? SIG_IGN : onTerm);
+
+    std::vector<pid_t> children;
+    for (int w = 0; w < workers; ++w) {
+        pid_t pid = ::fork();
+        if (pid < 0) die("fork");
+        if (pid == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;) ::pause();
+        }
+        children.push_back(pid);
+    }
+    if (zombie) {
+        pid_t pid = ::fork();
+        if (pid == 0) _exit(0);
+        children.push_back(pid);
+    }
+
+    std::printf("ready");
+    for (int fd : listeners) std::printf(" %d", boundPort(fd));
+    std::printf(" pids");
+    for (pid_t c : children) std::printf(" %d", c);
+    std::printf("\n");
+    std::fflush(stdout);
+
+    if (busy) {
+        volatile unsigned long spin = 0;
+        for (;;) spin = spin + 1;
+    }
+    for (;;) ::pause();
+}
