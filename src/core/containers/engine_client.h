@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "core/common/result.h"
+#include "core/containers/engine_records.h"
+#include "core/containers/http.h"
+
+namespace wharfy {
+
+/// Why a request to an engine failed: the transport's or parser's own error
+/// unchanged, a status the call does not accept, or a body that is not the
+/// expected JSON.
+struct EngineError {
+    struct Status {
+        int status = 0;
+        bool operator==(const Status&) const = default;
+    };
+    using Value = std::variant<TransportError, HTTPError, Status, DecodeError>;
+    Value value;
+
+    bool operator==(const EngineError&) const = default;
+    /// "http(status: 500)", "decoding(...)", or the wrapped error's description.
+    std::string description() const;
+};
+
+/// Asks one container engine for its version, containers, disk use, dangling
+/// images and one container's state. Every path but "/version" is prefixed
+/// with the engine's own API version, asked afresh on each call.
+class EngineClient {
+  public:
+    explicit EngineClient(std::shared_ptr<const EngineTransport> transport)
+        : transport_(std::move(transport)) {}
+    /// A client over a UnixSocketTransport.
+    EngineClient(const std::string& socketPath, int timeoutSeconds);
+
+    Result<EngineVersion, EngineError> version() const;
+    /// All containers, running or not.
+    Result<std::vector<ContainerInfo>, EngineError> containers() const;
+    Result<DiskUsage, EngineError> diskUsage() const;
+    /// Ids of the images that no tag names, in the engine's order.
+    Result<std::vector<std::string>, EngineError> danglingImageIDs() const;
+    /// The container's state word; absent when the engine no longer knows it.
+    /// `id` must already have passed the container-id check.
+    Result<std::optional<std::string>, EngineError> containerState(const std::string& id) const;
+
+    /// The query that selects dangling images, percent-encoded.
+    static std::string danglingFilterQuery();
+
+  private:
+    Result<std::string, EngineError> body(const std::string& path) const;
+    Result<std::string, EngineError> versionedPath(const std::string& path) const;
+
+    std::shared_ptr<const EngineTransport> transport_;
+};
+
+}  // namespace wharfy

@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "core/containers/runtime_detector.h"
+#include "fake_detector_file_system.h"
+
+namespace wharfy {
+namespace {
+
+using testing::FakeDetectorFileSystem;
+
+const std::string kHome = "/home/dev";
+const std::string kXdg = "/run/user/1000";
+
+RuntimeKind colima(const std::string& p) {
+    return RuntimeKind{RuntimeKind::Colima{p}};
+}
+RuntimeKind context(const std::string& n) {
+    return RuntimeKind{RuntimeKind::Context{n}};
+}
+const RuntimeKind kDesktop{RuntimeKind::DockerDesktop{}};
+const RuntimeKind kEngine{RuntimeKind::DockerEngine{}};
+const RuntimeKind kPodman{RuntimeKind::Podman{}};
+const RuntimeKind kOrb{RuntimeKind::OrbStack{}};
+
+std::string contextMeta(const std::string& name, const std::string& host) {
+    return R"({"Name":")" + name + R"(","Metadata":{},"Endpoints":{"docker":{"Host":")" + host +
+           R"(","SkipTLSVerify":false}}})";
+}
+
+class RuntimeDetectorTest : public ::testing::Test {
+  protected:
+    std::shared_ptr<FakeDetectorFileSystem> fs = std::make_shared<FakeDetectorFileSystem>();
+
+    std::vector<RuntimeInfo> detect(DetectorPlatform platform = DetectorPlatform::linuxOS,
+                                    std::optional<std::string> xdg = kXdg) {
+        return RuntimeDetector(kHome, std::move(xdg), fs, platform).detect();
+    }
+    void addContext(const std::string& folder, const std::string& json) {
+        fs->folders[kHome + "/.docker/contexts/meta"].push_back(folder);
+        fs->files[kHome + "/.docker/contexts/meta/" + folder + "/meta.json"] = json;
+    }
+};
+
+TEST_F(RuntimeDetectorTest, NothingInstalledFindsNothing) {
+    EXPECT_TRUE(detect().empty());
+    EXPECT_TRUE(detect(DetectorPlatform::macOS).empty());
+}
+
+TEST_F(RuntimeDetectorTest, ColimaProfilesInOrderWithTheirDisks) {
+    fs->folders[kHome + "/.colima"] = {"_lima", "_templates", "default", "work"};
+    fs->addSocket(kHome + "/.colima/default/docker.sock", true);
+    auto found = detect();
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0], (RuntimeInfo{colima("default"),
+                                     "Colima (default)",
+                                     kHome + "/.colima/default/docker.sock",
+                                     std::nullopt,
+                                     true,
+                                     {kHome + "/.colima/_lima/colima/disk",
+                                      kHome + "/.colima/_lima/_disks/colima/datadisk"}}));
+    EXPECT_EQ(found[1].displayName, "Colima (work)");
+    EXPECT_FALSE(found[1].isRunning);
+    EXPECT_EQ(found[1].diskImagePaths[0], kHome + "/.colima/_lima/colima-work/disk");
+    EXPECT_EQ(found[1].id(), "colima(profile: \"work\")");
+    EXPECT_TRUE(found[0].isMeasurable());
+    EXPECT_FALSE(found[1].isMeasurable());
+}
+
+TEST_F(RuntimeDetectorTest, LinuxEnginesInOrderWithoutDiskImages) {
+    fs->addSocket(kHome + "/.docker/desktop/docker.sock", true);
+    fs->addSocket("/var/run/docker.sock", true, "/run/docker.sock");
+    fs->addSocket(kXdg + "/podman/podman.sock", true);
+    fs->addSocket("/run/podman/podman.sock", true);
+    auto found = detect();
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[0], (RuntimeInfo{kDesktop,
+                                     "Docker Desktop",
+                                     kHome + "/.docker/desktop/docker.sock",
+                                     std::nullopt,
+                                     true,
+                                     {kHome + "/.docker/desktop/vms/0/data/Docker.raw"}}));
+    EXPECT_EQ(
+        found[1],
+        (RuntimeInfo{kEngine, "Docker Engine", "/var/run/docker.sock", std::nullopt, true, {}}));
+    EXPECT_EQ(
+        found[2],
+        (RuntimeInfo{kPodman, "Podman", kXdg + "/podman/podman.sock", std::nullopt, true, {}}));
+    EXPECT_EQ(found[1].id(), "dockerEngine");
+    EXPECT_EQ(found[2].id(), "podman");
+}
+
+TEST_F(RuntimeDetectorTest, ClaimedSocketsAreSkippedForLaterCandidates) {
+    // The shared docker socket links to the rootless one, and podman's system
+    // socket links to the Colima socket listed first.
+    fs->folders[kHome + "/.colima"] = {"default"};
+    fs->addSocket(kHome + "/.colima/default/docker.sock", false);
+    fs->addSocket("/run/podman/podman.sock", true, kHome + "/.colima/default/docker.sock");
+    fs->addSocket("/var/run/docker.sock", true, kXdg + "/docker.sock");
+    fs->addSocket(kXdg + "/docker.sock", true);
+    auto found = detect();
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].kind, colima("default"));
+    EXPECT_EQ(found[1].kind, kEngine);
+    EXPECT_EQ(found[1].socketPath, "/var/run/docker.sock");
+}
+
+TEST_F(RuntimeDetectorTest, WithoutXdgRuntimeDirOnlySystemSocketsAreTried) {
+    fs->addSocket(kXdg + "/podman/podman.sock", true);
+    fs->addSocket("/run/podman/podman.sock", false);
+    auto found = detect(DetectorPlatform::linuxOS, std::nullopt);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].kind, kPodman);
+    EXPECT_FALSE(found[0].isRunning);
+    EXPECT_EQ(found[0].socketPath, std::nullopt);
+    EXPECT_EQ(found[0].stateText(), "Not running. Wharfy never starts a runtime.");
+}
+
+TEST_F(RuntimeDetectorTest, DeadSocketStillClaimsItsPath) {
+    fs->addSocket(kXdg + "/podman/podman.sock", false);
+    addContext("ctx", contextMeta("podman", "unix://" + kXdg + "/podman/podman.sock"));
+    auto found = detect();
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].kind, kPodman);
+}
+
+TEST_F(RuntimeDetectorTest, MacOrbStackClaimsTheSharedSocket) {
+    fs->paths.insert(kHome + "/.orbstack");
+    fs->addSocket(kHome + "/.orbstack/run/docker.sock", true);
+    fs->addSocket("/var/run/docker.sock", true, kHome + "/.orbstack/run/docker.sock");
+    auto found = detect(DetectorPlatform::macOS);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].kind, kOrb);
+    EXPECT_EQ(found[0].diskImagePaths,
+              std::vector<std::string>{
+                  kHome + "/Library/Group Containers/HUAQ24HBR6.dev.orbstack/data/data.img"});
+
+    fs->paths.insert("/Applications/Docker.app");
+    found = detect(DetectorPlatform::macOS);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[1], (RuntimeInfo{kDesktop,
+                                     "Docker Desktop",
+                                     std::nullopt,
+                                     std::nullopt,
+                                     false,
+                                     {kHome + "/Library/Containers/com.docker.docker/Data/vms/0/"
+                                              "data/Docker.raw"}}));
+}
+
+TEST_F(RuntimeDetectorTest, ContextsLocalRemoteAndDropped) {
+    fs->folders[kHome + "/.colima"] = {"default"};
+    fs->addSocket(kHome + "/.colima/default/docker.sock", true);
+    fs->addSocket("/srv/other.sock", true);
+    addContext("a", contextMeta("colima", "unix://" + kHome + "/.colima/default/docker.sock"));
+    addContext("b", contextMeta("far", "tcp://192.168.1.5:2376"));
+    addContext("c", contextMeta("other", "unix:///srv/other.sock"));
+    addContext("d", contextMeta("gone", "unix:///srv/missing.sock"));
+    addContext("e", R"({"Name":"noendpoint","Endpoints":{}})");
+    addContext("f", "not json");
+    fs->folders[kHome + "/.docker/contexts/meta"].push_back("g");  // no meta.json
+    auto found = detect();
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[1], (RuntimeInfo{context("far"),
+                                     "Docker context far",
+                                     std::nullopt,
+                                     "tcp://192.168.1.5:2376",
+                                     false,
+                                     {}}));
+    EXPECT_EQ(found[1].stateText(),
+              "Remote context (tcp://192.168.1.5:2376). Listed only; Wharfy does not measure or "
+              "change it.");
+    EXPECT_EQ(
+        found[2],
+        (RuntimeInfo{
+            context("other"), "Docker context other", "/srv/other.sock", std::nullopt, true, {}}));
+    EXPECT_EQ(found[2].id(), "context(name: \"other\")");
+    // A remote context is never probed.
+    for (const auto& p : fs->pinged)
+        EXPECT_EQ(p.find("tcp:"), std::string::npos);
+}
+
+TEST(DockerBinaryTest, LinuxCandidatesComeFirstWithoutRepeats) {
+    auto list = DockerBinary::candidates("/h", DetectorPlatform::linuxOS);
+    EXPECT_EQ(list,
+              (std::vector<std::string>{"/usr/bin/docker", "/usr/local/bin/docker",
+                                        "/h/.docker/bin/docker", "/opt/homebrew/bin/docker",
+                                        "/Applications/Docker.app/Contents/Resources/bin/docker",
+                                        "/h/.orbstack/bin/docker"}));
+    auto found = DockerBinary::find(
+        "/h",
+        [](const std::string& p) {
+            return p == "/h/.docker/bin/docker" || p == "/h/.orbstack/bin/docker";
+        },
+        DetectorPlatform::linuxOS);
+    EXPECT_EQ(found, "/h/.docker/bin/docker");
+    EXPECT_EQ(DockerBinary::find("/h", [](const std::string&) { return false; }), std::nullopt);
+    EXPECT_EQ(DockerBinary::candidates("/h", DetectorPlatform::macOS).front(),
+              "/opt/homebrew/bin/docker");
+}
+
+}  // namespace
+}  // namespace wharfy

@@ -1,0 +1,215 @@
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "core/containers/http.h"
+#include "test_process.h"
+
+namespace wharfy {
+namespace {
+
+using Kind = TransportError::Kind;
+
+std::string okResponse(const std::string& body) {
+    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+/// A unix-socket server thread that reads one request, then answers with
+/// prepared bytes (or stays silent), then closes.
+class PreparedServer {
+  public:
+    enum class Mode { answer, silent };
+
+    PreparedServer(const std::string& path, std::string answer, Mode mode = Mode::answer)
+        : answer_(std::move(answer)), mode_(mode) {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.data(), path.size());
+        bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                 ::listen(fd_, 4) == 0;
+        if (bound_) thread_ = std::thread([this] { serve(); });
+    }
+    ~PreparedServer() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        ::close(fd_);
+    }
+    bool bound() const { return bound_; }
+    std::string request() {
+        if (thread_.joinable()) thread_.join();
+        return request_;
+    }
+
+  private:
+    void serve() {
+        pollfd p{fd_, POLLIN, 0};
+        while (!stop_ && ::poll(&p, 1, 50) == 0) {
+        }
+        if (stop_) return;
+        int client = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0) return;
+        char buffer[4096];
+        while (request_.find("\r\n\r\n") == std::string::npos) {
+            ssize_t n = ::read(client, buffer, sizeof buffer);
+            if (n <= 0) break;
+            request_.append(buffer, static_cast<size_t>(n));
+        }
+        if (mode_ == Mode::answer) {
+            ::send(client, answer_.data(), answer_.size(), MSG_NOSIGNAL);
+        } else if (mode_ == Mode::silent) {
+            while (!stop_)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        ::close(client);
+    }
+
+    int fd_ = -1;
+    bool bound_ = false;
+    std::string answer_;
+    Mode mode_;
+    std::string request_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+class UnixSocketTransportTest : public ::testing::Test {
+  protected:
+    testing::TempDir dir;
+    std::string socketPath() const { return dir.path() + "/engine.sock"; }
+};
+
+TEST_F(UnixSocketTransportTest, SendsOneFixedRequestAndReadsUntilClose) {
+    const std::string answer =
+        "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "4;ext=1\r\n{\"a\"\r\n3\r\n:1}\r\n0\r\n\r\n";
+    PreparedServer server(socketPath(), answer);
+    ASSERT_TRUE(server.bound());
+    auto raw = UnixSocketTransport(socketPath(), 5).get("/v1.41/containers/json?all=1");
+    ASSERT_TRUE(raw.ok()) << raw.error().description();
+    EXPECT_EQ(raw.value(), answer);
+    EXPECT_EQ(server.request(),
+              "GET /v1.41/containers/json?all=1 HTTP/1.1\r\nHost: docker\r\n"
+              "Accept: application/json\r\nUser-Agent: Wharfy\r\nConnection: close\r\n\r\n");
+    auto parsed = HTTPResponseParser::parse(raw.value());
+    ASSERT_TRUE(parsed.ok());
+    EXPECT_EQ(parsed.value().body, "{\"a\":1}");
+}
+
+TEST_F(UnixSocketTransportTest, ResponseLargerThanOneReadArrivesWhole) {
+    std::string body(300'000, 'x');
+    PreparedServer server(socketPath(), okResponse(body));
+    ASSERT_TRUE(server.bound());
+    auto raw = UnixSocketTransport(socketPath(), 5).get("/big");
+    ASSERT_TRUE(raw.ok());
+    auto parsed = HTTPResponseParser::parse(raw.value());
+    ASSERT_TRUE(parsed.ok());
+    EXPECT_EQ(parsed.value().body, body);
+}
+
+TEST_F(UnixSocketTransportTest, ClosedWithoutAByteIsEmptyAndThenNoHeaderEnd) {
+    PreparedServer server(socketPath(), "");
+    ASSERT_TRUE(server.bound());
+    auto raw = UnixSocketTransport(socketPath(), 5).get("/version");
+    ASSERT_TRUE(raw.ok()) << raw.error().description();
+    EXPECT_EQ(raw.value(), "");
+    auto parsed = HTTPResponseParser::parse(raw.value());
+    ASSERT_FALSE(parsed.ok());
+    EXPECT_EQ(parsed.error(), (HTTPError{HTTPError::Kind::malformed, "no header end"}));
+}
+
+TEST_F(UnixSocketTransportTest, HeadersWithoutEndAreMalformed) {
+    PreparedServer server(socketPath(), "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n");
+    ASSERT_TRUE(server.bound());
+    auto raw = UnixSocketTransport(socketPath(), 5).get("/_ping");
+    ASSERT_TRUE(raw.ok());
+    auto parsed = HTTPResponseParser::parse(raw.value());
+    ASSERT_FALSE(parsed.ok());
+    EXPECT_EQ(parsed.error().reason, "no header end");
+}
+
+TEST_F(UnixSocketTransportTest, SilentEngineTimesOut) {
+    PreparedServer server(socketPath(), "", PreparedServer::Mode::silent);
+    ASSERT_TRUE(server.bound());
+    auto start = std::chrono::steady_clock::now();
+    auto raw = UnixSocketTransport(socketPath(), 1).get("/_ping");
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_FALSE(raw.ok());
+    EXPECT_EQ(raw.error().kind, Kind::ioFailed);
+    EXPECT_TRUE(raw.error().errnoValue == EAGAIN || raw.error().errnoValue == EWOULDBLOCK);
+    EXPECT_GE(seconds, 0.9);
+    EXPECT_LT(seconds, 4.0);
+}
+
+TEST_F(UnixSocketTransportTest, ConnectToAFullBacklogIsBounded) {
+    // A listener that never accepts: once its backlog is full, connect blocks
+    // unless the transport bounds it.
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, socketPath().data(), socketPath().size());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(fd, 0), 0);
+    std::vector<int> fillers;
+    for (int i = 0; i < 8; ++i) {
+        int c = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        ::connect(c, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        fillers.push_back(c);
+    }
+    auto start = std::chrono::steady_clock::now();
+    auto raw = UnixSocketTransport(socketPath(), 1).get("/_ping");
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    for (int c : fillers)
+        ::close(c);
+    ::close(fd);
+    ASSERT_FALSE(raw.ok());
+    EXPECT_EQ(raw.error().kind, Kind::connectFailed);
+    EXPECT_LT(seconds, 4.0);
+}
+
+TEST_F(UnixSocketTransportTest, SocketPathLengthLimit) {
+    // Pad the folder so that the socket path has exactly the wanted length.
+    auto pathOfLength = [&](size_t length) {
+        std::string prefix = dir.path() + "/";
+        return prefix + std::string(length - prefix.size(), 's');
+    };
+    const std::string at103 = pathOfLength(103);
+    ASSERT_EQ(at103.size(), 103u);
+    PreparedServer server(at103, okResponse("OK"));
+    ASSERT_TRUE(server.bound());
+    EXPECT_TRUE(UnixSocketTransport(at103, 5).get("/_ping").ok());
+
+    for (const std::string& bad : {pathOfLength(104), std::string()}) {
+        auto r = UnixSocketTransport(bad, 5).get("/_ping");
+        ASSERT_FALSE(r.ok());
+        EXPECT_EQ(r.error(), (TransportError{Kind::socketPathTooLong, 0})) << bad.size();
+    }
+}
+
+TEST_F(UnixSocketTransportTest, InvalidTargetsFailBeforeConnecting) {
+    // The socket does not exist, so reaching connect would give connectFailed.
+    for (const char* target : {"containers/json", "/a b", "/a\rb", "/a\nb", ""}) {
+        auto r = UnixSocketTransport(socketPath(), 5).get(target);
+        ASSERT_FALSE(r.ok());
+        EXPECT_EQ(r.error(), (TransportError{Kind::invalidPath, 0})) << target;
+    }
+}
+
+TEST_F(UnixSocketTransportTest, MissingSocketIsConnectFailedWithErrno) {
+    auto r = UnixSocketTransport(socketPath(), 5).get("/_ping");
+    ASSERT_FALSE(r.ok());
+    EXPECT_EQ(r.error(), (TransportError{Kind::connectFailed, ENOENT}));
+}
+
+}  // namespace
+}  // namespace wharfy
