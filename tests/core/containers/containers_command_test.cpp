@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include "app/containers_command.h"
+
+namespace wharfy::app {
+namespace {
+
+using nlohmann::json;
+
+RuntimeReport podmanReport() {
+    RuntimeReport r;
+    r.runtime = {RuntimeKind{RuntimeKind::Podman{}},
+                 "Podman",
+                 "/run/podman/podman.sock",
+                 std::nullopt,
+                 true,
+                 {}};
+    r.containers = {{"aaaa",
+                     {"/web\x1b[31m"},
+                     "img:1",
+                     "running",
+                     "Up 1 minute",
+                     {{"127.0.0.1", 8080, 18080, "tcp"}, {std::nullopt, 443, std::nullopt, "tcp"}}},
+                    {"bbbb", {"/old"}, "img:1", "exited", "Exited (0)", {}}};
+    DiskUsage usage;
+    usage.images = {{"i1", {"img:1"}, 2'000'000'000, 2}, {"i2", {}, -5, 0}};
+    usage.volumes = {{"v1", 0, 300}, {"v2", std::nullopt, 200}};
+    usage.buildCache = {{"b", 70, false}};
+    r.sizes = CachedSizes{usage, {"sha256:i2"}, 0};
+    return r;
+}
+
+TEST(ContainersCommandTest, JsonForEachRuntimeState) {
+    RuntimeReport colima;
+    colima.runtime = {RuntimeKind{RuntimeKind::Colima{"default"}},
+                      "Colima (default)",
+                      std::nullopt,
+                      std::nullopt,
+                      false,
+                      {"/h/.colima/_lima/colima/disk"}};
+    colima.diskFiles = {{"/h/.colima/_lima/colima/disk", 4096, 1 << 20}};
+    RuntimeReport remote;
+    remote.runtime = {RuntimeKind{RuntimeKind::Context{"far"}},
+                      "Docker context far",
+                      std::nullopt,
+                      "tcp://192.168.1.5:2376",
+                      false,
+                      {}};
+    RuntimeReport broken = podmanReport();
+    broken.containers.clear();
+    broken.sizes.reset();
+    broken.error = "Could not read containers (ioFailed(104)).";
+
+    const json expected = json::parse(R"json({"runtimes":[
+        {"runtime":"Podman","socket":"/run/podman/podman.sock","running":1,"stopped":1,
+         "imagesBytes":2000000000,"imageCount":2,"volumesBytes":500,"volumeCount":2,
+         "unusedVolumes":1,"reclaimableBuildCacheBytes":70,"danglingImages":1},
+        {"runtime":"Colima (default)","state":"notRunning","macDiskBytes":4096,
+         "diskFiles":[{"path":"/h/.colima/_lima/colima/disk","allocatedBytes":4096,
+                       "nominalBytes":1048576}]},
+        {"runtime":"Docker context far","state":"remote","remoteEndpoint":"tcp://192.168.1.5:2376"},
+        {"runtime":"Podman","socket":"/run/podman/podman.sock",
+         "error":"Could not read containers (ioFailed(104))."}]})json");
+    EXPECT_EQ(containersJson({podmanReport(), colima, remote, broken}), expected);
+    EXPECT_EQ(containersJson({}), json::parse(R"({"runtimes":[]})"));
+}
+
+TEST(ContainersCommandTest, TextShowsStateContainersAndSizesSafely) {
+    RuntimeReport stopped;
+    stopped.runtime = {RuntimeKind{RuntimeKind::DockerEngine{}},
+                       "Docker Engine",
+                       std::nullopt,
+                       std::nullopt,
+                       false,
+                       {}};
+    const std::string text = containersText({podmanReport(), stopped});
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    EXPECT_NE(text.find("web\\e[31m"), std::string::npos) << text;
+    EXPECT_NE(text.find("127.0.0.1:18080->8080/tcp"), std::string::npos) << text;
+    EXPECT_EQ(text.find("443"), std::string::npos) << text;
+    EXPECT_NE(text.find("Images 2.0 GB (2, 1 dangling)"), std::string::npos) << text;
+    EXPECT_NE(text.find("Not running. Wharfy never starts a runtime."), std::string::npos);
+    EXPECT_NE(containersText({}).find("No container runtime found"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace wharfy::app
