@@ -24,6 +24,8 @@ void onStop(int) { stopping = 1; }
 
 [[noreturn]] void child(bool listening, int extra, int readyFd) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::signal(SIGTERM, SIG_DFL);
+    ::signal(SIGINT, SIG_DFL);
     for (int i = 0; i < extra; ++i) ::open("/dev/null", O_RDONLY);
     if (listening) {
         // Alternate address families so the load has both tables.
