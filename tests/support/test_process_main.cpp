@@ -12,6 +12,8 @@
 //   --busy               spin on the CPU instead of sleeping
 //   --uid N              drop to uid/gid N first (needs root)
 //   --name NAME          set the kernel command name
+//   --stderr-bytes N     write N bytes to standard error first
+//   --exit CODE          print "out" and exit with CODE instead of sleeping
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -21,6 +23,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -79,6 +82,8 @@ int main(int argc, char** argv) {
     int workers = 0;
     bool zombie = false, busy = false, ignoreTerm = false, connected = false;
     std::vector<int> listeners;
+    long stderrBytes = 0;
+    int exitCode = -1;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto next = [&]() -> std::string {
@@ -97,7 +102,21 @@ int main(int argc, char** argv) {
         else if (a == "--exit-on-term") ignoreTerm = false;
         else if (a == "--busy") busy = true;
         else if (a == "--name") ::prctl(PR_SET_NAME, next().c_str(), 0, 0, 0);
+        else if (a == "--stderr-bytes") stderrBytes = std::atol(next().c_str());
+        else if (a == "--exit") exitCode = std::atoi(next().c_str());
         else die("unknown option " + a);
+    }
+    if (stderrBytes > 0) {
+        std::string block(65536, 'e');
+        for (long left = stderrBytes; left > 0;) {
+            auto n = static_cast<size_t>(std::min<long>(left, 65536));
+            if (::write(STDERR_FILENO, block.data(), n) < 0) die("write");
+            left -= static_cast<long>(n);
+        }
+    }
+    if (exitCode >= 0) {
+        std::printf("out\n");
+        return exitCode;
     }
     if (connected) {
         int server = openSocket("127.0.0.1:0", SOCK_STREAM);

@@ -190,7 +190,9 @@ ChildRun runChild(const std::string& executable, const std::vector<std::string>&
         run.status = 128 + SIGTERM;
         return run;
     }
-    run.status = statusOf(raw);
+    // A program stopped at the time limit never counts as a success, even if
+    // it exits 0 on SIGTERM.
+    run.status = terminated && statusOf(raw) == 0 ? 128 + SIGTERM : statusOf(raw);
     run.exitedZero = !terminated && WIFEXITED(raw) && WEXITSTATUS(raw) == 0;
     return run;
 }
