@@ -186,6 +186,15 @@ Result<T, DecodeError> decodeWith(std::string_view body, F&& decode) {
     }
 }
 
+std::vector<ContainerInfo> decodeContainerList(const json& root) {
+    requireArray(root, "container list");
+    std::vector<ContainerInfo> out;
+    out.reserve(root.size());
+    for (const auto& item : root)
+        out.push_back(decodeContainer(item));
+    return out;
+}
+
 bool isStoppedState(const std::string& state) {
     return state == "exited" || state == "created" || state == "dead";
 }
@@ -246,14 +255,8 @@ Result<EngineVersion, DecodeError> EngineDecoder::version(std::string_view body)
 }
 
 Result<std::vector<ContainerInfo>, DecodeError> EngineDecoder::containers(std::string_view body) {
-    return decodeWith<std::vector<ContainerInfo>>(body, [](const json& root) {
-        requireArray(root, "container list");
-        std::vector<ContainerInfo> out;
-        out.reserve(root.size());
-        for (const auto& item : root)
-            out.push_back(decodeContainer(item));
-        return out;
-    });
+    return decodeWith<std::vector<ContainerInfo>>(
+        body, [](const json& root) { return decodeContainerList(root); });
 }
 
 Result<DiskUsage, DecodeError> EngineDecoder::diskUsage(std::string_view body) {
