@@ -36,6 +36,20 @@ static void ProcessTableRead(benchmark::State& state) {
 }
 BENCHMARK(ProcessTableRead)->Unit(benchmark::kMillisecond);
 
+static void ProcessTableReadCombined(benchmark::State& state) {
+    size_t count = 0;
+    for (auto _ : state) {
+        count = 0;
+        for (int32_t pid : ProcessReader::allPIDs()) {
+            auto facts = ProcessReader::facts(pid);
+            count += facts.has_value();
+            benchmark::DoNotOptimize(facts);
+        }
+    }
+    state.counters["processes"] = static_cast<double>(count);
+}
+BENCHMARK(ProcessTableReadCombined)->Unit(benchmark::kMillisecond);
+
 static void ProcessToolSsListening(benchmark::State& state) {
     for (auto _ : state)
         if (!wharfy::bench::runTool("/usr/bin/ss", {"-ltnp"})) state.SkipWithError("ss failed");

@@ -53,6 +53,13 @@ struct FileDescriptor {
     bool operator==(const FileDescriptor&) const = default;
 };
 
+/// The basic facts and the counters of one process, read together.
+struct ProcessFacts {
+    BSDInfo info;
+    Usage usage;
+    bool operator==(const ProcessFacts&) const = default;
+};
+
 /// Stateless reads of the kernel's per-process information. Every read that
 /// fails (process gone, another user's, no rights) is an absent value.
 struct ProcessReader {
@@ -67,6 +74,8 @@ struct ProcessReader {
     static std::optional<std::vector<std::string>> arguments(int32_t pid,
                                                              std::vector<char>& buffer);
     static std::optional<Usage> usage(int32_t pid);
+    /// bsdInfo and usage in one read, for scans of the whole table.
+    static std::optional<ProcessFacts> facts(int32_t pid);
     /// The descriptor table, in descriptor order.
     static std::optional<std::vector<FileDescriptor>> fileDescriptors(int32_t pid);
     /// The socket inode that descriptor `fd` of `pid` names now, if it is a socket.

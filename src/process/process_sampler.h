@@ -49,12 +49,17 @@ public:
     virtual std::optional<RawUsage> usage(int32_t pid) = 0;
 };
 
-/// ProcessSource over ProcessReader.
+/// ProcessSource over ProcessReader. The sampler asks for a pid's identity
+/// and then its usage; both come from one read, kept until the usage call.
 class LiveProcessSource final : public ProcessSource {
 public:
     std::vector<int32_t> allPIDs() override;
     std::optional<ProcessIdentity> identity(int32_t pid) override;
     std::optional<RawUsage> usage(int32_t pid) override;
+
+private:
+    int32_t lastPid_ = 0;
+    std::optional<ProcessFacts> last_;
 };
 
 /// Turns two successive readings of every process into CPU and disk rates.

@@ -119,29 +119,67 @@ std::vector<int32_t> ProcessReader::allPIDs() {
     return pids;
 }
 
+namespace {
+
+std::optional<BSDInfo> infoFrom(int32_t pid, StatFields&& stat) {
+    auto uid = effectiveUid(pid);
+    if (!uid) return std::nullopt;
+    BSDInfo info;
+    info.ppid = stat.ppid;
+    info.uid = *uid;
+    info.startTime = startTimeMicros(bootTime(), stat.startTicks, ticksPerSecond());
+    info.status = statusOf(stat.state);
+    if (stat.comm.size() == 15) {
+        std::optional<std::string> argv0;
+        auto exe = ProcessReader::executablePath(pid);
+        if (!exe || fullName(stat.comm, exe, std::nullopt) == stat.comm) {
+            auto args = ProcessReader::arguments(pid);
+            if (args && !args->empty()) argv0 = (*args)[0];
+        }
+        info.name = fullName(stat.comm, exe, argv0);
+    } else {
+        info.name = std::move(stat.comm);
+    }
+    return info;
+}
+
+std::optional<Usage> usageFrom(int32_t pid, const StatFields& stat) {
+    char buf[kSmallFile];
+    auto statmText = readSmall(PidPath(pid, "statm").text, buf, sizeof buf);
+    if (!statmText) return std::nullopt;
+    auto statm = parseStatm(*statmText);
+    if (!statm) return std::nullopt;
+    static const uint64_t pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    Usage u;
+    u.footprint = (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
+    u.cpuTicks = stat.utime + stat.stime;
+    if (auto ioText = readSmall(PidPath(pid, "io").text, buf, sizeof buf)) {
+        if (auto io = parseIo(*ioText)) {
+            u.diskRead = io->readBytes;
+            u.diskWritten = io->writeBytes;
+        }
+    }
+    return u;
+}
+
+}  // namespace
+
 std::optional<BSDInfo> ProcessReader::bsdInfo(int32_t pid) {
     if (pid < 1) return std::nullopt;
     auto stat = readStat(pid);
     if (!stat) return std::nullopt;
-    auto uid = effectiveUid(pid);
-    if (!uid) return std::nullopt;
-    BSDInfo info;
-    info.ppid = stat->ppid;
-    info.uid = *uid;
-    info.startTime = startTimeMicros(bootTime(), stat->startTicks, ticksPerSecond());
-    info.status = statusOf(stat->state);
-    if (stat->comm.size() == 15) {
-        std::optional<std::string> argv0;
-        auto exe = executablePath(pid);
-        if (!exe || fullName(stat->comm, exe, std::nullopt) == stat->comm) {
-            auto args = arguments(pid);
-            if (args && !args->empty()) argv0 = (*args)[0];
-        }
-        info.name = fullName(stat->comm, exe, argv0);
-    } else {
-        info.name = std::move(stat->comm);
-    }
-    return info;
+    return infoFrom(pid, std::move(*stat));
+}
+
+std::optional<ProcessFacts> ProcessReader::facts(int32_t pid) {
+    if (pid < 1) return std::nullopt;
+    auto stat = readStat(pid);
+    if (!stat) return std::nullopt;
+    auto usage = usageFrom(pid, *stat);
+    if (!usage) return std::nullopt;
+    auto info = infoFrom(pid, std::move(*stat));
+    if (!info) return std::nullopt;
+    return ProcessFacts{std::move(*info), *usage};
 }
 
 std::optional<std::string> ProcessReader::executablePath(int32_t pid) {
@@ -183,22 +221,7 @@ std::optional<std::vector<std::string>> ProcessReader::arguments(int32_t pid,
 std::optional<Usage> ProcessReader::usage(int32_t pid) {
     auto stat = readStat(pid);
     if (!stat) return std::nullopt;
-    char buf[kSmallFile];
-    auto statmText = readSmall(PidPath(pid, "statm").text, buf, sizeof buf);
-    if (!statmText) return std::nullopt;
-    auto statm = parseStatm(*statmText);
-    if (!statm) return std::nullopt;
-    static const uint64_t pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-    Usage u;
-    u.footprint = (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
-    u.cpuTicks = stat->utime + stat->stime;
-    if (auto ioText = readSmall(PidPath(pid, "io").text, buf, sizeof buf)) {
-        if (auto io = parseIo(*ioText)) {
-            u.diskRead = io->readBytes;
-            u.diskWritten = io->writeBytes;
-        }
-    }
-    return u;
+    return usageFrom(pid, *stat);
 }
 
 std::optional<std::vector<FileDescriptor>> ProcessReader::fileDescriptors(int32_t pid) {
@@ -237,18 +260,20 @@ std::optional<uint64_t> ProcessReader::socketInode(int32_t pid, int32_t fd) {
 std::vector<int32_t> LiveProcessSource::allPIDs() { return ProcessReader::allPIDs(); }
 
 std::optional<ProcessIdentity> LiveProcessSource::identity(int32_t pid) {
-    auto stat = readStat(pid);
-    if (!stat) return std::nullopt;
-    return ProcessIdentity{pid, startTimeMicros(bootTime(), stat->startTicks, ticksPerSecond())};
+    lastPid_ = pid;
+    last_ = ProcessReader::facts(pid);
+    if (!last_) return std::nullopt;
+    return ProcessIdentity{pid, last_->info.startTime};
 }
 
 std::optional<RawUsage> LiveProcessSource::usage(int32_t pid) {
-    auto info = ProcessReader::bsdInfo(pid);
-    if (!info) return std::nullopt;
-    auto u = ProcessReader::usage(pid);
-    if (!u) return std::nullopt;
-    return RawUsage{info->ppid, info->uid, std::move(info->name),
-                    ProcessReader::executablePath(pid), *u};
+    std::optional<ProcessFacts> facts;
+    if (lastPid_ == pid && last_) facts = std::move(last_);
+    else facts = ProcessReader::facts(pid);
+    last_.reset();
+    if (!facts) return std::nullopt;
+    return RawUsage{facts->info.ppid, facts->info.uid, std::move(facts->info.name),
+                    ProcessReader::executablePath(pid), facts->usage};
 }
 
 }  // namespace nemarro::process
