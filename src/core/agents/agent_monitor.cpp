@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "core/agents/agent_session.h"
+
 namespace wharfy {
 
 void AgentMonitor::ingestLoads(const std::vector<SessionLoad>& sessions, double now) {
@@ -19,6 +21,14 @@ void AgentMonitor::ingestLoads(const std::vector<SessionLoad>& sessions, double 
     const double oldest = now - (thresholds_.runawayWindow + 60.0);
     for (auto& [id, samples] : history_)
         std::erase_if(samples, [&](const Sample& sample) { return sample.time < oldest; });
+}
+
+void AgentMonitor::ingest(const std::vector<AgentSession>& sessions, double now) {
+    std::vector<SessionLoad> loads;
+    loads.reserve(sessions.size());
+    for (const auto& s : sessions)
+        loads.push_back(SessionLoad{s.id(), s.cpuPercent, s.footprint});
+    ingestLoads(loads, now);
 }
 
 std::optional<AgentMonitor::Average> AgentMonitor::average(const std::vector<Sample>& samples,
