@@ -1,0 +1,122 @@
+#include "app/agents_command.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "app/terminal_text.h"
+
+namespace wharfy::app {
+namespace {
+
+using nlohmann::json;
+
+std::string gigabytes(uint64_t bytes) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.1f GB", static_cast<double>(bytes) / 1e9);
+    return buffer;
+}
+
+std::string percent(double value, bool tenths) {
+    char buffer[64];
+    if (tenths)
+        std::snprintf(buffer, sizeof buffer, "%.1f%%", value);
+    else
+        std::snprintf(buffer, sizeof buffer, "%.0f%%", value);
+    return buffer;
+}
+
+std::string stateText(const AgentStatus& status) {
+    if (status.runaway) {
+        if (auto memory = status.runaway->as<RunawayReason::Memory>())
+            return "runaway: memory " + gigabytes(memory->bytes);
+        if (auto cpu = status.runaway->as<RunawayReason::Cpu>())
+            return "runaway: CPU " + percent(cpu->averagePercent, false);
+    }
+    return status.isBusy ? "busy" : "idle";
+}
+
+std::string notesText(const AgentSession& s) {
+    std::string notes;
+    if (s.managedBy) notes = "run by the " + terminalSafe(*s.managedBy) + " app";
+    if (s.isOrphanDaemon) notes += std::string(notes.empty() ? "" : ", ") + "left-behind daemon";
+    return notes;
+}
+
+}  // namespace
+
+AgentsReport readAgents(LiveAgentSource& source, const SessionBuilder& builder,
+                        const std::function<void(double seconds)>& sleep, double interval) {
+    AgentMonitor monitor;
+    monitor.ingest(source.sessions(builder), 0.0);
+    sleep(interval);
+    AgentsReport report;
+    report.sessions = source.sessions(builder);
+    monitor.ingest(report.sessions, interval);
+    for (const auto& s : report.sessions)
+        report.statuses.push_back(monitor.status(s.id(), interval));
+    return report;
+}
+
+AgentsReport readAgents(const std::string& home, uint32_t uid) {
+    // Linux never prompts for folder access, so the resolver may look everywhere.
+    SessionBuilder builder(AgentCatalog(home),
+                           ProjectResolver(home, true, &ProjectResolver::pathExists), uid);
+    LiveAgentSource source;
+    return readAgents(source, builder, [](double seconds) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    });
+}
+
+json agentsJson(const std::vector<AgentSession>& sessions) {
+    auto optional = [](const auto& value) -> json {
+        if (value) return json(*value);
+        return nullptr;
+    };
+    json out = json::array();
+    for (const auto& s : sessions) {
+        json project = nullptr;
+        if (s.project)
+            project = {{"path", s.project->path}, {"isGitProject", s.project->isGitProject}};
+        out.push_back({{"tool", rawValue(s.tool)},
+                       {"version", optional(s.version)},
+                       {"managedBy", optional(s.managedBy)},
+                       {"project", std::move(project)},
+                       {"root",
+                        {{"pid", s.root.identity.pid},
+                         {"startTime", s.root.identity.startTime},
+                         {"name", s.root.name}}},
+                       {"processes", s.processCount()},
+                       {"cpuPercent", optional(s.cpuPercent)},
+                       {"memoryBytes", s.footprint},
+                       {"orphanDaemon", s.isOrphanDaemon}});
+    }
+    return json{{"sessions", std::move(out)}};
+}
+
+std::string agentsText(const AgentsReport& report) {
+    std::string out = "Agent sessions\n";
+    if (report.sessions.empty()) return out + "  No agent sessions running.\n";
+    TextTable table(
+        {"AGENT", "VERSION", "PID", "PROCESSES", "CPU", "MEMORY", "STATE", "PROJECT", "NOTES"});
+    for (size_t i = 0; i < report.sessions.size(); ++i) {
+        const AgentSession& s = report.sessions[i];
+        const AgentStatus status = i < report.statuses.size() ? report.statuses[i] : AgentStatus{};
+        table.add({displayName(s.tool), terminalSafe(s.version.value_or("-")),
+                   std::to_string(s.root.identity.pid), std::to_string(s.processCount()),
+                   s.cpuPercent ? percent(*s.cpuPercent, true) : "-", gigabytes(s.footprint),
+                   stateText(status), s.project ? terminalSafe(s.project->path) : "-",
+                   notesText(s)});
+    }
+    std::string rendered = table.render();
+    size_t start = 0;
+    while (start < rendered.size()) {
+        size_t end = rendered.find('\n', start);
+        if (end == std::string::npos) end = rendered.size();
+        out += "  " + rendered.substr(start, end - start) + "\n";
+        start = end + 1;
+    }
+    return out;
+}
+
+}  // namespace wharfy::app
