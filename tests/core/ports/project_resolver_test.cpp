@@ -1,0 +1,68 @@
+#include "core/ports/project_resolver.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace wharfy {
+namespace {
+
+struct FakeFiles {
+    std::set<std::string> present;
+    std::vector<std::string> probes;
+    std::function<bool(const std::string&)> exists() {
+        return [this](const std::string& p) {
+            probes.push_back(p);
+            return present.count(p) > 0;
+        };
+    }
+};
+
+TEST(ProjectResolver, ResolvesAndAbbreviates) {
+    struct Case {
+        const char* what;
+        const char* cwd;
+        std::set<std::string> gitFolders;
+        bool fullDiskAccess;
+        ProjectInfo expected;
+        bool expectProbes;
+    };
+    const std::string h = "/Users/ana";
+    const Case cases[] = {
+        {"nearest git folder above", "/Users/ana/src/app/server", {"/Users/ana/src/app/.git"},
+         false, {"~/src/app", true}, true},
+        {"home itself is never a project", "/Users/ana", {"/Users/ana/.git"}, true, {"~", false},
+         false},
+        {"home's .git is not taken for a subfolder", "/Users/ana/notes", {"/Users/ana/.git"},
+         true, {"~/notes", false}, true},
+        {"privacy folder without access: no probe", "/Users/ana/Documents/site",
+         {"/Users/ana/Documents/site/.git"}, false, {"~/Documents/site", false}, false},
+        {"privacy folder with access", "/Users/ana/Documents/site",
+         {"/Users/ana/Documents/site/.git"}, true, {"~/Documents/site", true}, true},
+        {"cloud storage is private too", "/Users/ana/Library/CloudStorage/x", {}, false,
+         {"~/Library/CloudStorage/x", false}, false},
+        {"prefix match is on whole components", "/Users/ana/Documentsx/a",
+         {"/Users/ana/Documentsx/a/.git"}, false, {"~/Documentsx/a", true}, true},
+        {"outside home, unabbreviated", "/opt/srv/app", {"/opt/srv/.git"}, false,
+         {"/opt/srv", true}, true},
+        {"root is not walked", "/", {"/.git"}, true, {"/", false}, false},
+    };
+    for (const auto& c : cases) {
+        FakeFiles files;
+        files.present = c.gitFolders;
+        ProjectResolver resolver(h, c.fullDiskAccess, files.exists());
+        EXPECT_EQ(resolver.resolve(c.cwd), c.expected) << c.what;
+        EXPECT_EQ(!files.probes.empty(), c.expectProbes) << c.what;
+    }
+}
+
+TEST(ProjectResolver, WalkOutsideHomeStopsBeforeTheRoot) {
+    FakeFiles files;
+    ProjectResolver resolver("/home/u", true, files.exists());
+    EXPECT_EQ(resolver.resolve("/opt/a/b"), (ProjectInfo{"/opt/a/b", false}));
+    EXPECT_EQ(files.probes, (std::vector<std::string>{"/opt/a/b/.git", "/opt/a/.git", "/opt/.git"}));
+    EXPECT_EQ((ProjectInfo{"~/src/app", true}).name(), "app");
+}
+
+}  // namespace
+}  // namespace wharfy
