@@ -50,7 +50,19 @@ struct AgentSession {
     size_t processCount() const { return 1 + children.size(); }
 };
 
-/// Turns one sample of the process table into agent sessions.
+/// Turns one sample of the process table into agent sessions, one per agent
+/// root:
+/// - only the user's own processes are matched, so only they head sessions;
+///   a session's children may belong to anyone;
+/// - a root that is a copy of its parent (same tool, same executable, directly
+///   under it: a fork or a relaunch) belongs to its parent's session;
+/// - a daemon heads its own session, marked `isOrphanDaemon`, only when no
+///   agent root stands above it; otherwise it is one of that root's children;
+/// - the nearest launcher above a head (a `wrapper` match, or the Cursor app)
+///   is its `wrapper`, unless another agent root comes first; the session
+///   takes its `managedBy` from the match, else from that launcher;
+/// - children are sorted by pid, sessions by start time then pid;
+/// - `cpuPercent` is absent only while no process of the session has a figure.
 class SessionBuilder {
   public:
     /// A process's argument list; absent when it cannot be read.

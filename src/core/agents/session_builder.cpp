@@ -57,6 +57,19 @@ Above lookAbove(const ProcessUsage& head, const SessionBuilder::EntryMap& byPID,
     return above;
 }
 
+// An agent that forks or relaunches itself (the same tool from the same
+// executable, directly under it) is one session with its copy, not two.
+bool isForkOfParent(const ProcessUsage& p, const SessionBuilder::EntryMap& byPID,
+                    const std::unordered_map<int32_t, Matched>& matches) {
+    auto parent = byPID.find(p.ppid);
+    auto parentMatch = matches.find(p.ppid);
+    auto own = matches.find(p.identity.pid);
+    return parent != byPID.end() && parentMatch != matches.end() && own != matches.end() &&
+           parentMatch->second.match.role == Role::root &&
+           parentMatch->second.match.tool == own->second.match.tool &&
+           parent->second->path == p.path;
+}
+
 }  // namespace
 
 SessionBuilder::SessionBuilder(AgentCatalog catalog, ProjectResolver resolver, uint32_t uid)
@@ -113,7 +126,8 @@ std::vector<AgentSession> SessionBuilder::build(const std::vector<ProcessUsage>&
     // Roots head sessions; a daemon heads one only when no root runs it.
     std::vector<std::pair<int32_t, Above>> heads;
     for (const auto& [pid, m] : matches) {
-        if (m.match.role == Role::wrapper) continue;
+        if (m.match.role == Role::wrapper || isForkOfParent(*byPID.at(pid), byPID, matches))
+            continue;
         Above above = lookAbove(*byPID.at(pid), byPID, matches);
         if (m.match.role == Role::daemon && above.underRoot) continue;
         heads.emplace_back(pid, above);

@@ -161,6 +161,27 @@ TEST(SessionBuilderTest, NestedHeadsKeepTheirOwnSubtrees) {
     EXPECT_EQ(sessions[1].wrapper, std::nullopt);
 }
 
+TEST(SessionBuilderTest, AnAgentsOwnCopiesJoinItsSession) {
+    RecordedMachine machine;
+    const Args gemini{"node", "/x/node_modules/@google/gemini-cli/dist/index.js"};
+    machine.arguments = {{200, gemini}, {201, gemini}, {300, {"node", "/x/cursor-agent/index.js"}}};
+    std::vector<ProcessUsage> entries{
+        proc(100, 1, kNativeClaude),
+        proc(101, 100, kNativeClaude),  // forked worker
+        proc(102, 101, kNativeClaude),  // and its own fork
+        proc(200, 1, "/usr/bin/node"),
+        proc(201, 200, "/usr/bin/node"),        // relaunched with more memory
+        proc(202, 200, "/usr/local/bin/node"),  // another install under it: its own session
+        proc(300, 201, "/usr/bin/node"),        // another agent from the same runtime
+    };
+    machine.arguments[202] = gemini;
+    auto sessions = builder().build(entries, machine.argumentReader(), machine.directoryReader());
+    ASSERT_EQ(rootPIDs(sessions), (std::vector<int32_t>{100, 200, 202, 300}));
+    EXPECT_EQ(pids(sessions[0].children), (std::vector<int32_t>{101, 102}));
+    EXPECT_EQ(pids(sessions[1].children), (std::vector<int32_t>{201}));
+    EXPECT_EQ(sessions[3].tool, AgentTool::cursor);
+}
+
 TEST(SessionBuilderTest, MissingEntryCutsTheTree) {
     RecordedMachine machine;
     std::vector<ProcessUsage> entries{proc(100, 1, kNativeClaude), proc(101, 100, "/usr/bin/a"),

@@ -1,0 +1,120 @@
+// The session builder runs over every process on every refresh. This times a
+// full LiveAgentSource.sessions next to the sampler's table read it rests on,
+// with one fake agent session of 50 processes among the load:
+//   WHARFY_BENCH_LOAD=2000:300:20 build/bench/wharfy_bench --benchmark_filter=Agents
+#include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "core/agents/agent_session.h"
+#include "process/process_sampler.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace nemarro::process;
+namespace fs = std::filesystem;
+
+// A copy of the load generator installed where native Claude Code lives in a
+// private home, so that it and its children form one session. It stops when
+// its standard input closes.
+class FakeAgent {
+  public:
+    FakeAgent() {
+        std::string pattern = (fs::temp_directory_path() / "wharfy-bench-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) return;
+        home_ = pattern;
+        const fs::path exe = fs::path(home_) / ".local/share/claude/versions/9.9.9";
+        std::error_code ec;
+        fs::create_directories(exe.parent_path(), ec);
+        if (!fs::copy_file(WHARFY_LOAD_PATH, exe, ec)) return;
+        int in[2], out[2];
+        if (::pipe(in) != 0 || ::pipe(out) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addclose(&actions, in[1]);
+        posix_spawn_file_actions_addclose(&actions, out[0]);
+        std::string path = exe.string(), n = "49", zero = "0";
+        std::vector<char*> argv{path.data(), n.data(), zero.data(), zero.data(), nullptr};
+        if (::posix_spawn(&pid_, path.c_str(), &actions, nullptr, argv.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(in[0]);
+        ::close(out[1]);
+        stdin_ = in[1];
+        char line[64];
+        if (::read(out[0], line, sizeof line) <= 0) pid_ = -1;
+        ::close(out[0]);
+    }
+    ~FakeAgent() {
+        if (stdin_ >= 0) ::close(stdin_);
+        if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
+        std::error_code ec;
+        if (!home_.empty()) fs::remove_all(home_, ec);
+    }
+    bool running() const { return pid_ > 0; }
+    const std::string& home() const { return home_; }
+
+  private:
+    std::string home_;
+    pid_t pid_ = -1;
+    int stdin_ = -1;
+};
+
+FakeAgent& fakeAgent() {
+    static FakeAgent agent;
+    return agent;
+}
+
+ProcessSampler liveSampler() {
+    return ProcessSampler(std::make_unique<LiveProcessSource>(), TickClock::current(),
+                          &ProcessSampler::monotonicNow);
+}
+
+void AgentsSamplerRead(benchmark::State& state) {
+    auto sampler = liveSampler();
+    size_t count = 0;
+    for (auto _ : state) {
+        auto sample = sampler.sample();
+        count = sample.processes.size();
+        benchmark::DoNotOptimize(sample);
+    }
+    state.counters["processes"] = static_cast<double>(count);
+}
+BENCHMARK(AgentsSamplerRead)->Unit(benchmark::kMillisecond);
+
+void AgentsLiveSessions(benchmark::State& state) {
+    FakeAgent& agent = fakeAgent();
+    if (!agent.running()) {
+        state.SkipWithError("the fake agent did not start");
+        return;
+    }
+    wharfy::SessionBuilder builder(
+        wharfy::AgentCatalog(agent.home()),
+        wharfy::ProjectResolver(agent.home(), true, &wharfy::ProjectResolver::pathExists),
+        static_cast<uint32_t>(::getuid()));
+    wharfy::LiveAgentSource source;
+    size_t sessions = 0, processes = 0;
+    for (auto _ : state) {
+        auto all = source.sessions(builder);
+        sessions = all.size();
+        processes = 0;
+        for (const auto& s : all)
+            processes += s.processCount();
+        benchmark::DoNotOptimize(all);
+    }
+    state.counters["sessions"] = static_cast<double>(sessions);
+    state.counters["sessionProcesses"] = static_cast<double>(processes);
+}
+BENCHMARK(AgentsLiveSessions)->Unit(benchmark::kMillisecond);
+
+}  // namespace
