@@ -1,0 +1,132 @@
+#include "app/ports_command.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "app/terminal_text.h"
+#include "core/ports/live_environment.h"
+#include "core/ports/platform_words.h"
+#include "core/ports/project_resolver.h"
+
+namespace wharfy::app {
+
+UserContext UserContext::current() {
+    UserContext user;
+    user.uid = ::geteuid();
+    if (const char* home = std::getenv("HOME"); home && *home) {
+        user.home = home;
+    } else if (const passwd* pw = ::getpwuid(user.uid)) {
+        user.home = pw->pw_dir;
+    }
+    while (user.home.size() > 1 && user.home.back() == '/') user.home.pop_back();
+    return user;
+}
+
+std::vector<PortRow> scanPorts(const UserContext& user, const CpuByProcess& cpu) {
+    auto runner = std::make_shared<SystemCommandRunner>(10.0);
+    auto environment = makeLivePortEnvironment(runner);
+    auto classifier = makeLiveClassifier(user.uid, user.home, runner);
+    // Linux has no folder-access prompts, so every folder may be probed.
+    ProjectResolver resolver(user.home, /*hasFullDiskAccess=*/true, &ProjectResolver::pathExists);
+    PortScanner scanner(*environment, classifier, std::move(resolver), user.uid);
+    return scanner.scan(cpu);
+}
+
+std::string jsonRole(const PortRow& row) {
+    if (row.role.is<ListenerRole::PlainProcess>() && !row.isOwnedByUser) return "otherUser";
+    return row.role.rawValue();
+}
+
+nlohmann::json portsJson(const std::vector<PortRow>& rows) {
+    auto list = nlohmann::json::array();
+    for (const auto& row : rows) {
+        list.push_back({{"port", row.port},
+                        {"pid", row.pid},
+                        {"name", row.processName},
+                        {"owned", row.isOwnedByUser},
+                        {"addresses", row.addresses},
+                        {"addressClass", rawValue(row.addressClass)},
+                        {"role", jsonRole(row)}});
+    }
+    return {{"ports", list}};
+}
+
+std::string emitText(const nlohmann::json& value) {
+    // Invalid UTF-8 from the machine is replaced rather than failing the dump.
+    std::string text;
+    try {
+        text = value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+    } catch (const nlohmann::json::exception& e) {
+        std::fprintf(stderr, "wharfy: could not serialise: %s\n", e.what());
+        text = "{}";
+    }
+    return text + "\n";
+}
+
+std::string formatBytes(uint64_t bytes) {
+    char buf[32];
+    if (bytes >= 1'000'000'000)
+        std::snprintf(buf, sizeof buf, "%.1f GB", static_cast<double>(bytes) / 1e9);
+    else
+        std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(bytes) / 1e6);
+    return buf;
+}
+
+std::string kindPhrase(const PortRow& row) {
+    struct Visitor {
+        const PortRow& row;
+        std::string operator()(const ListenerRole::AppleSystem& r) const {
+            std::string s = "part of the operating system";
+            if (r.fix) s += " (turn off: " + *r.fix + ")";
+            return s;
+        }
+        std::string operator()(const ListenerRole::ContainerForwarder& r) const {
+            if (row.container)
+                return "container " + row.container->name + " (" + row.container->image + "), " +
+                       r.runtime;
+            return "container port, " + r.runtime;
+        }
+        std::string operator()(const ListenerRole::PartOfApp& r) const {
+            return "part of " + r.name;
+        }
+        std::string operator()(const ListenerRole::BackgroundService& r) const {
+            return "service, stop with: " + r.stopCommand;
+        }
+        std::string operator()(const ListenerRole::PlainProcess&) const {
+            return row.isOwnedByUser ? "process" : "another user's process";
+        }
+        std::string operator()(const ListenerRole::OtherUser&) const {
+            return "another user or the system";
+        }
+    };
+    return std::visit(Visitor{row}, row.role.value);
+}
+
+std::string portsText(const std::vector<PortRow>& rows) {
+    if (rows.empty()) return "No listening TCP ports.\n";
+    const auto& words = platformWords();
+    TextTable table({"PORT", "PROCESS", "REACHABLE FROM", "KIND", "PROJECT", "MEMORY", "CPU"});
+    for (const auto& row : rows) {
+        const char* reach = row.addressClass == AddressClass::thisMacOnly ? words.thisMacOnly
+                            : row.addressClass == AddressClass::oneNetwork ? words.oneNetwork
+                                                                           : words.allNetworks;
+        std::string process = terminalSafe(row.processName);
+        if (row.pid > 0) process += " (" + std::to_string(row.pid) + ")";
+        std::string cpu;
+        if (row.cpuPercent) {
+            char buf[16];
+            std::snprintf(buf, sizeof buf, "%.1f%%", *row.cpuPercent);
+            cpu = buf;
+        }
+        table.add({std::to_string(row.port), process, reach, terminalSafe(kindPhrase(row)),
+                   row.project ? terminalSafe(row.project->path) : "",
+                   row.footprint ? formatBytes(*row.footprint) : "", cpu});
+    }
+    return table.render();
+}
+
+}  // namespace wharfy::app
