@@ -195,14 +195,5 @@ TEST(DockerCommandTest, DisplayQuotesOnlyWhatNeedsIt) {
               "/usr/bin/docker -H 'unix:///tmp/my dir/d.sock' rm 'it'\\''s' '' 'a$b' plain-1.2_x");
 }
 
-TEST(ContainerCountsTest, CountsRunningAndStopped) {
-    ContainerCounts counts{{{"a", {}, "", "running", "", {}},
-                            {"b", {}, "", "exited", "", {}},
-                            {"c", {}, "", "paused", "", {}},
-                            {"d", {}, "", "created", "", {}}}};
-    EXPECT_EQ(counts.running(), 1);
-    EXPECT_EQ(counts.stopped(), 2);
-}
-
 }  // namespace
 }  // namespace wharfy

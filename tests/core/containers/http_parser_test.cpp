@@ -122,12 +122,5 @@ TEST(HTTPResponseParserTest, DecodeChunked) {
     }
 }
 
-TEST(HTTPResponseParserTest, ErrorDescriptionsNameTheCase) {
-    EXPECT_EQ(malformed("bad chunk size").description(), "malformed(\"bad chunk size\")");
-    EXPECT_EQ(kIncomplete.description(), "incompleteBody");
-    EXPECT_EQ((TransportError{TransportError::Kind::ioFailed, 11}).description(), "ioFailed(11)");
-    EXPECT_EQ((TransportError{TransportError::Kind::invalidPath, 0}).description(), "invalidPath");
-}
-
 }  // namespace
 }  // namespace wharfy
