@@ -54,11 +54,11 @@ static void ProcessToolSsListening(benchmark::State& state) {
     for (auto _ : state)
         if (!wharfy::bench::runTool("/usr/bin/ss", {"-ltnp"})) state.SkipWithError("ss failed");
 }
-BENCHMARK(ProcessToolSsListening)->Unit(benchmark::kMillisecond);
+BENCHMARK(ProcessToolSsListening)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 static void ProcessToolPs(benchmark::State& state) {
     for (auto _ : state)
         if (!wharfy::bench::runTool("/usr/bin/ps", {"-e", "-o", "pid,ppid,uid,rss,time,comm"}))
             state.SkipWithError("ps failed");
 }
-BENCHMARK(ProcessToolPs)->Unit(benchmark::kMillisecond);
+BENCHMARK(ProcessToolPs)->Unit(benchmark::kMillisecond)->UseRealTime();
