@@ -12,21 +12,31 @@
 //   --busy               spin on the CPU instead of sleeping
 //   --uid N              drop to uid/gid N first (needs root)
 //   --name NAME          set the kernel command name
+//   --keep-workers       workers outlive the parent (the test must kill them)
+//   --respawn            supervise: the first --listen socket is held by a child;
+//                        on SIGTERM the child hands the port to a new child, then exits
+//   --stdin TEXT         standard input of the --spawn program
+//   --spawn PROG ARGS... (last) start PROG in a new process group and sleep;
+//                        PROG prints the ready line
 //   --stderr-bytes N     write N bytes to standard error first
 //   --exit CODE          print "out" and exit with CODE instead of sleeping
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
+
+extern char** environ;
 
 namespace {
 
@@ -73,7 +83,96 @@ int boundPort(int fd) {
     return ntohs(reinterpret_cast<sockaddr_in*>(&s)->sin_port);
 }
 
-void onTerm(int) { _exit(0); }
+void onTerm(int) {
+    _exit(0);
+}
+
+// A supervised child's descriptors, for its SIGTERM handler.
+int gListen = -1, gNotify = -1, gGo = -1;
+
+// Closes the port, asks the supervisor for a successor and exits only once
+// the successor listens, so whoever watches sees the port reopened.
+void handOff(int) {
+    ::close(gListen);
+    char c = 'x';
+    if (::write(gNotify, &c, 1) != 1) _exit(3);
+    while (::read(gGo, &c, 1) < 0 && errno == EINTR) {
+    }
+    _exit(0);
+}
+
+struct Supervised {
+    pid_t pid;
+    int go;
+};
+
+Supervised startSupervised(int listenFd, int notifyFd) {
+    int go[2];
+    if (::pipe(go) != 0) die("pipe");
+    pid_t parent = ::getpid();
+    pid_t pid = ::fork();
+    if (pid < 0) die("fork");
+    if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) _exit(0);
+        ::close(go[1]);
+        gListen = listenFd;
+        gNotify = notifyFd;
+        gGo = go[0];
+        ::signal(SIGTERM, handOff);
+        for (;;)
+            ::pause();
+    }
+    ::close(go[0]);
+    ::close(listenFd);
+    return {pid, go[1]};
+}
+
+[[noreturn]] void supervise(const std::string& spec, int listenFd) {
+    int notify[2];
+    if (::pipe(notify) != 0) die("pipe");
+    int port = boundPort(listenFd);
+    std::string again = spec.substr(0, spec.rfind(':') + 1) + std::to_string(port);
+    Supervised child = startSupervised(listenFd, notify[1]);
+    std::printf("ready %d pids %d\n", port, child.pid);
+    std::fflush(stdout);
+    for (;;) {
+        char c;
+        if (::read(notify[0], &c, 1) != 1) continue;
+        Supervised next = startSupervised(openSocket(again, SOCK_STREAM), notify[1]);
+        if (::write(child.go, &c, 1) != 1) die("write");
+        ::waitpid(child.pid, nullptr, 0);
+        ::close(child.go);
+        child = next;
+    }
+}
+
+[[noreturn]] void spawnAndSleep(const std::vector<std::string>& command, const std::string* input) {
+    ::setpgid(0, 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    int in[2] = {-1, -1};
+    if (input) {
+        if (::pipe(in) != 0) die("pipe");
+        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+        posix_spawn_file_actions_addclose(&actions, in[1]);
+    }
+    std::vector<char*> argv;
+    for (const auto& a : command)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) die("spawn");
+    posix_spawn_file_actions_destroy(&actions);
+    if (input) {
+        ::close(in[0]);
+        if (::write(in[1], input->data(), input->size()) < 0) die("write");
+        ::close(in[1]);
+    }
+    ::signal(SIGTERM, onTerm);
+    for (;;)
+        ::pause();
+}
 
 }  // namespace
 
@@ -81,7 +180,11 @@ int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     int workers = 0;
     bool zombie = false, busy = false, ignoreTerm = false, connected = false;
+    bool keepWorkers = false, respawn = false;
     std::vector<int> listeners;
+    std::vector<std::string> listenSpecs;
+    std::string input;
+    bool hasInput = false;
     long stderrBytes = 0;
     int exitCode = -1;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -93,18 +196,42 @@ int main(int argc, char** argv) {
         if (a == "--uid") {
             auto id = static_cast<unsigned>(std::atoi(next().c_str()));
             if (::setgid(id) != 0 || ::setuid(id) != 0) die("drop privileges");
-        } else if (a == "--listen") listeners.push_back(openSocket(next(), SOCK_STREAM));
-        else if (a == "--udp") openSocket(next(), SOCK_DGRAM);
-        else if (a == "--connected") connected = true;
-        else if (a == "--workers") workers = std::atoi(next().c_str());
-        else if (a == "--zombie") zombie = true;
-        else if (a == "--ignore-term") ignoreTerm = true;
-        else if (a == "--exit-on-term") ignoreTerm = false;
-        else if (a == "--busy") busy = true;
-        else if (a == "--name") ::prctl(PR_SET_NAME, next().c_str(), 0, 0, 0);
-        else if (a == "--stderr-bytes") stderrBytes = std::atol(next().c_str());
-        else if (a == "--exit") exitCode = std::atoi(next().c_str());
-        else die("unknown option " + a);
+        } else if (a == "--listen") {
+            listenSpecs.push_back(next());
+            listeners.push_back(openSocket(listenSpecs.back(), SOCK_STREAM));
+        } else if (a == "--udp")
+            openSocket(next(), SOCK_DGRAM);
+        else if (a == "--connected")
+            connected = true;
+        else if (a == "--workers")
+            workers = std::atoi(next().c_str());
+        else if (a == "--zombie")
+            zombie = true;
+        else if (a == "--ignore-term")
+            ignoreTerm = true;
+        else if (a == "--exit-on-term")
+            ignoreTerm = false;
+        else if (a == "--busy")
+            busy = true;
+        else if (a == "--name")
+            ::prctl(PR_SET_NAME, next().c_str(), 0, 0, 0);
+        else if (a == "--keep-workers")
+            keepWorkers = true;
+        else if (a == "--respawn")
+            respawn = true;
+        else if (a == "--stdin") {
+            input = next();
+            hasInput = true;
+        } else if (a == "--spawn") {
+            if (i + 1 >= args.size()) die("missing program for --spawn");
+            spawnAndSleep({args.begin() + static_cast<long>(i) + 1, args.end()},
+                          hasInput ? &input : nullptr);
+        } else if (a == "--stderr-bytes")
+            stderrBytes = std::atol(next().c_str());
+        else if (a == "--exit")
+            exitCode = std::atoi(next().c_str());
+        else
+            die("unknown option " + a);
     }
     if (stderrBytes > 0) {
         std::string block(65536, 'e');
@@ -130,6 +257,10 @@ int main(int argc, char** argv) {
         if (accepted < 0) die("accept");
         ::close(server);  // only the connected pair stays
     }
+    if (respawn) {
+        if (listeners.empty()) die("--respawn needs --listen");
+        supervise(listenSpecs.front(), listeners.front());
+    }
     ::signal(SIGTERM, ignoreTerm ? SIG_IGN : onTerm);
 
     std::vector<pid_t> children;
@@ -137,8 +268,9 @@ int main(int argc, char** argv) {
         pid_t pid = ::fork();
         if (pid < 0) die("fork");
         if (pid == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (;;) ::pause();
+            if (!keepWorkers) ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;)
+                ::pause();
         }
         children.push_back(pid);
     }
@@ -149,15 +281,19 @@ int main(int argc, char** argv) {
     }
 
     std::printf("ready");
-    for (int fd : listeners) std::printf(" %d", boundPort(fd));
+    for (int fd : listeners)
+        std::printf(" %d", boundPort(fd));
     std::printf(" pids");
-    for (pid_t c : children) std::printf(" %d", c);
+    for (pid_t c : children)
+        std::printf(" %d", c);
     std::printf("\n");
     std::fflush(stdout);
 
     if (busy) {
         volatile unsigned long spin = 0;
-        for (;;) spin = spin + 1;
+        for (;;)
+            spin = spin + 1;
     }
-    for (;;) ::pause();
+    for (;;)
+        ::pause();
 }
