@@ -10,6 +10,7 @@
 //   --ignore-term        ignore SIGTERM
 //   --exit-on-term       (default) exit 0 on SIGTERM
 //   --busy               spin on the CPU instead of sleeping
+//   --busy-child         fork one child that spins on the CPU (listed after the workers)
 //   --uid N              drop to uid/gid N first (needs root)
 //   --name NAME          set the kernel command name
 //   --keep-workers       workers outlive the parent (the test must kill them)
@@ -180,6 +181,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     int workers = 0;
     bool zombie = false, busy = false, ignoreTerm = false, connected = false;
+    bool busyChild = false;
     bool keepWorkers = false, respawn = false;
     std::vector<int> listeners;
     std::vector<std::string> listenSpecs;
@@ -213,6 +215,8 @@ int main(int argc, char** argv) {
             ignoreTerm = false;
         else if (a == "--busy")
             busy = true;
+        else if (a == "--busy-child")
+            busyChild = true;
         else if (a == "--name")
             ::prctl(PR_SET_NAME, next().c_str(), 0, 0, 0);
         else if (a == "--keep-workers")
@@ -271,6 +275,19 @@ int main(int argc, char** argv) {
             if (!keepWorkers) ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             for (;;)
                 ::pause();
+        }
+        children.push_back(pid);
+    }
+    if (busyChild) {
+        pid_t parent = ::getpid();
+        pid_t pid = ::fork();
+        if (pid < 0) die("fork");
+        if (pid == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (::getppid() != parent) _exit(0);
+            volatile unsigned long spin = 0;
+            for (;;)
+                spin = spin + 1;
         }
         children.push_back(pid);
     }
