@@ -43,7 +43,8 @@ bool Runners::isRunner(const ProcessRef& ref) {
 // The two need not be adjacent: "uvicorn app:main --reload" and
 // "flask --app site run" are common.
 bool Runners::matchesPattern(const std::vector<std::string>& commandLine) {
-    for (const auto& [program, word] : patterns) {
+    for (const auto& pattern : patterns) {
+        std::string_view program = pattern.first, word = pattern.second;
         for (size_t i = 0; i < commandLine.size(); ++i) {
             if (lastComponent(commandLine[i]) != program) continue;
             bool found = std::any_of(commandLine.begin() + static_cast<std::ptrdiff_t>(i) + 1,

@@ -4,9 +4,11 @@
 // through. A program's own abort() is not a signal to anyone else.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
-#include <regex>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -28,28 +30,73 @@ std::string withoutComments(const std::string& text) {
     return out;
 }
 
+bool isIdentChar(char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
+}
+
+std::vector<std::string> identifiers(const std::string& text) {
+    std::vector<std::string> out;
+    for (size_t i = 0; i < text.size();) {
+        if (!isIdentChar(text[i])) {
+            ++i;
+            continue;
+        }
+        size_t j = i;
+        while (j < text.size() && isIdentChar(text[j]))
+            ++j;
+        out.push_back(text.substr(i, j - i));
+        i = j;
+    }
+    return out;
+}
+
+bool isSignalName(const std::string& id) {
+    return id.size() > 3 && id.starts_with("SIG") &&
+           std::all_of(id.begin() + 3, id.end(), [](char c) {
+               return std::isupper(static_cast<unsigned char>(c)) ||
+                      std::isdigit(static_cast<unsigned char>(c));
+           });
+}
+
 // Each call that can deliver a signal whose arguments do not name SIGTERM
 // alone, as "call(arguments)".
 std::vector<std::string> offendingCalls(const std::string& source) {
-    static const std::regex call(
-        R"((?:^|[^A-Za-z0-9_])(kill|killpg|tkill|tgkill|sigqueue|pthread_kill|pidfd_send_signal|syscall)\s*\()");
-    static const std::regex signalSyscall(
-        R"(SYS_(kill|tkill|tgkill|pidfd_send_signal|rt_sigqueueinfo|rt_tgsigqueueinfo)\b)");
-    static const std::regex otherSignal(R"(\bSIG(?!TERM\b)[A-Z0-9]+\b)");
+    static const std::set<std::string> calls{
+        "kill",   "killpg", "tkill", "tgkill", "sigqueue", "pthread_kill", "pidfd_send_signal",
+        "syscall"};
+    static const std::set<std::string> signalSyscalls{"SYS_kill",
+                                                      "SYS_tkill",
+                                                      "SYS_tgkill",
+                                                      "SYS_pidfd_send_signal",
+                                                      "SYS_rt_sigqueueinfo",
+                                                      "SYS_rt_tgsigqueueinfo"};
     std::vector<std::string> out;
     std::string text = withoutComments(source);
-    for (std::sregex_iterator it(text.begin(), text.end(), call), end; it != end; ++it) {
-        size_t open = static_cast<size_t>(it->position(0) + it->length(0));
-        size_t close = open;
+    for (size_t i = 0; i < text.size();) {
+        if (!isIdentChar(text[i]) || (i > 0 && isIdentChar(text[i - 1]))) {
+            ++i;
+            continue;
+        }
+        size_t j = i;
+        while (j < text.size() && isIdentChar(text[j]))
+            ++j;
+        std::string name = text.substr(i, j - i);
+        size_t open = text.find_first_not_of(" \t\n", j);
+        i = j;
+        if (!calls.contains(name) || open == std::string::npos || text[open] != '(') continue;
+        size_t close = open + 1;
         for (int depth = 1; close < text.size() && depth > 0; ++close) {
             depth += text[close] == '(' ? 1 : text[close] == ')' ? -1 : 0;
         }
-        std::string args = text.substr(open, close - open);
-        std::string name = (*it)[1];
-        if (name == "syscall" && !std::regex_search(args, signalSyscall)) continue;
-        bool ok =
-            args.find("SIGTERM") != std::string::npos && !std::regex_search(args, otherSignal);
-        if (!ok) out.push_back(name + "(" + args);
+        std::string args = text.substr(open + 1, close - open - 1);
+        auto ids = identifiers(args);
+        auto has = [&](auto pred) { return std::any_of(ids.begin(), ids.end(), pred); };
+        if (name == "syscall" &&
+            !has([](const std::string& id) { return signalSyscalls.contains(id); }))
+            continue;
+        bool sigterm = has([](const std::string& id) { return id == "SIGTERM"; });
+        bool other = has([](const std::string& id) { return isSignalName(id) && id != "SIGTERM"; });
+        if (!sigterm || other) out.push_back(name + "(" + args);
     }
     return out;
 }
