@@ -1,179 +1,110 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "core/agents/agent_monitor.h"
 
 namespace wharfy {
 namespace {
 
-using Sample = AgentMonitor::Sample;
 using Cpu = RunawayReason::Cpu;
 using Memory = RunawayReason::Memory;
-
 constexpr uint64_t kSmall = 100'000'000;
-constexpr double kNow = 10'000.0;
+constexpr uint64_t kLimit = 4'294'967'296ULL;
 
-// Feeds one session's samples, every `step` seconds from `from` to `to` (inclusive).
-void feed(AgentMonitor& monitor, const std::string& id, double from, double to, double step,
-          std::optional<double> cpu, uint64_t footprint = kSmall) {
-    for (double t = from; t <= to + 1e-9; t += step)
-        monitor.ingestLoads({{id, cpu, footprint}}, t);
+// One session's samples every `step` seconds over [from, to].
+void feed(AgentMonitor& monitor, double from, double to, double step, std::optional<double> cpu,
+          uint64_t footprint = kSmall) {
+    for (double t = from; t <= to; t += step)
+        monitor.ingestLoads({{"s", cpu, footprint}}, t);
 }
 
-TEST(AgentMonitorAverageTest, TimeWeightedOverTheWindow) {
+TEST(AgentMonitorTest, AverageIsTimeWeightedOverTheWindow) {
+    using S = AgentMonitor::Sample;
     struct Case {
-        const char* what;
-        std::vector<Sample> samples;
+        std::vector<S> samples;
         double window;
-        std::optional<AgentMonitor::Average> expected;
+        std::optional<double> mean, coverage;
     };
     const Case cases[] = {
-        {"no samples", {}, 30, std::nullopt},
-        {"the first sample has no interval", {{100, 50, 0}}, 30, std::nullopt},
-        {"each reading stands for the time since the one before",
-         {{70, 0, 0}, {80, 10, 0}, {100, 40, 0}},
-         30,
-         AgentMonitor::Average{30.0, 1.0}},
-        {"the interval is cut at the window start",
-         {{0, 0, 0}, {90, 60, 0}, {100, 0, 0}},
-         30,
-         AgentMonitor::Average{40.0, 1.0}},
-        {"a sample exactly at the window start is outside",
-         {{60, 0, 0}, {70, 80, 0}},
-         30,
-         std::nullopt},
-        {"samples after now are ignored",
-         {{90, 0, 0}, {100, 20, 0}, {110, 90, 0}},
-         30,
-         AgentMonitor::Average{20.0, 10.0 / 30.0}},
-        {"a gap lowers coverage, not the mean",
-         {{80, 0, 0}, {90, std::nullopt, 0}, {100, 50, 0}},
-         40,
-         AgentMonitor::Average{50.0, 10.0 / 40.0}},
-        {"two samples at one time weigh nothing", {{100, 0, 0}, {100, 50, 0}}, 30, std::nullopt},
+        {{{100, 50, 0}}, 30, std::nullopt, std::nullopt},  // the first sample has no interval
+        {{{70, 0, 0}, {80, 10, 0}, {100, 40, 0}}, 30, 30.0, 1.0},
+        {{{0, 0, 0}, {90, 60, 0}, {100, 0, 0}}, 30, 40.0, 1.0},         // cut at the window start
+        {{{60, 0, 0}, {70, 80, 0}}, 30, std::nullopt, std::nullopt},    // at the start is outside
+        {{{90, 0, 0}, {100, 20, 0}, {110, 90, 0}}, 30, 20.0, 1.0 / 3},  // after now is ignored
+        {{{80, 0, 0}, {90, std::nullopt, 0}, {100, 50, 0}}, 40, 50.0, 0.25},  // a gap
+        {{{100, 0, 0}, {100, 50, 0}}, 30, std::nullopt, std::nullopt},        // no time covered
     };
-    for (const auto& c : cases) {
-        auto got = AgentMonitor::average(c.samples, c.window, 100);
-        ASSERT_EQ(got.has_value(), c.expected.has_value()) << c.what;
-        if (!got) continue;
-        EXPECT_DOUBLE_EQ(got->mean, c.expected->mean) << c.what;
-        EXPECT_DOUBLE_EQ(got->coverage, c.expected->coverage) << c.what;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        auto got = AgentMonitor::average(cases[i].samples, cases[i].window, 100);
+        EXPECT_EQ(got ? std::optional(got->mean) : std::nullopt, cases[i].mean) << i;
+        if (got) {
+            EXPECT_DOUBLE_EQ(got->coverage, *cases[i].coverage) << i;
+        }
     }
 }
 
-TEST(AgentMonitorTest, SingleSampleHasNoAverageButCanBeAMemoryRunaway) {
-    AgentMonitor monitor;
-    monitor.ingestLoads({{"a", 99.0, kSmall}, {"b", 99.0, 5'000'000'000ULL}}, kNow);
-    auto a = monitor.status("a", kNow);
-    EXPECT_EQ(a, (AgentStatus{99.0, std::nullopt, false, std::nullopt}));
-    EXPECT_EQ(monitor.status("b", kNow).runaway, RunawayReason{Memory{5'000'000'000ULL}});
-    EXPECT_EQ(monitor.status("unknown", kNow), AgentStatus{});
-}
-
-TEST(AgentMonitorTest, CpuRunawayNeedsTheWindowCovered) {
+TEST(AgentMonitorTest, RunawayAndBusyBoundaries) {
     struct Case {
         const char* what;
-        double coveredSeconds;
-        double cpu;
-        bool runaway;
-    };
-    const Case cases[] = {
-        {"ten minutes at 95%", 600, 95.0, true},
-        {"nine minutes (coverage 0.9) at 95%", 540, 95.0, true},
-        {"eight minutes (coverage 0.8) at 95%", 480, 95.0, false},
-        {"exactly 90% with full coverage", 600, 90.0, true},
-        {"just under 90%", 600, 89.9, false},
-    };
-    for (const auto& c : cases) {
-        AgentMonitor monitor;
-        feed(monitor, "s", kNow - c.coveredSeconds, kNow, 10, c.cpu);
-        auto status = monitor.status("s", kNow);
-        ASSERT_EQ(status.runaway.has_value(), c.runaway) << c.what;
-        if (c.runaway) {
-            EXPECT_DOUBLE_EQ(status.runaway->as<Cpu>()->averagePercent, c.cpu) << c.what;
-        }
-        EXPECT_DOUBLE_EQ(status.cpuNow.value_or(-1), c.cpu) << c.what;
-        EXPECT_DOUBLE_EQ(status.cpuLastFiveMinutes.value_or(-1), c.cpu) << c.what;
-    }
-}
-
-TEST(AgentMonitorTest, GapsReduceCoverageWithoutChangingTheMean) {
-    AgentMonitor monitor;
-    // Full ten minutes at 95%, but every other reading unmeasured: half the window is covered.
-    for (int i = 0; i <= 60; ++i)
-        monitor.ingestLoads({{"s", i % 2 ? std::optional<double>(95.0) : std::nullopt, kSmall}},
-                            kNow - 600 + i * 10);
-    auto status = monitor.status("s", kNow);
-    EXPECT_EQ(status.runaway, std::nullopt);
-    EXPECT_DOUBLE_EQ(status.cpuLastFiveMinutes.value_or(-1), 95.0);
-    EXPECT_DOUBLE_EQ(AgentMonitor::average(*monitor.history("s"), 600, kNow)->coverage, 0.5);
-}
-
-TEST(AgentMonitorTest, MemoryThresholdIsStrictAndComesFirst) {
-    const uint64_t limit = AgentMonitor::Thresholds{}.memoryBytes;
-    ASSERT_EQ(limit, 4'294'967'296ULL);
-    struct Case {
+        double seconds, step;
+        std::optional<double> cpu;
         uint64_t footprint;
-        std::optional<RunawayReason> expected;
-    };
-    const Case cases[] = {
-        {limit, RunawayReason{Cpu{95.0}}},
-        {limit + 1, RunawayReason{Memory{limit + 1}}},
-    };
-    for (const auto& c : cases) {
-        AgentMonitor monitor;
-        feed(monitor, "s", kNow - 600, kNow, 10, 95.0, c.footprint);
-        EXPECT_EQ(monitor.status("s", kNow).runaway, c.expected) << c.footprint;
-    }
-}
-
-TEST(AgentMonitorTest, BusyIsStrictlyAboveTheThreshold) {
-    struct Case {
-        double cpu;
+        std::optional<RunawayReason> runaway;
         bool busy;
     };
-    for (const Case& c : {Case{10.0, false}, Case{10.5, true}, Case{0.0, false}}) {
+    const Case cases[] = {
+        {"ten minutes at 95%", 600, 10, 95.0, kSmall, RunawayReason{Cpu{95.0}}, true},
+        {"coverage 0.9 is enough", 540, 10, 95.0, kSmall, RunawayReason{Cpu{95.0}}, true},
+        {"coverage 0.8 is not", 480, 10, 95.0, kSmall, std::nullopt, true},
+        {"exactly 90% is a runaway", 600, 10, 90.0, kSmall, RunawayReason{Cpu{90.0}}, true},
+        {"exactly 10% is not busy", 600, 10, 10.0, kSmall, std::nullopt, false},
+        {"every other reading missing", 600, 5, std::nullopt, kSmall, std::nullopt, true},
+        {"exactly 4 GiB is not a runaway", 600, 10, 95.0, kLimit, RunawayReason{Cpu{95.0}}, true},
+        {"one byte more is, first", 600, 10, 95.0, kLimit + 1, RunawayReason{Memory{kLimit + 1}},
+         true},
+        {"one sample: no average", 0, 10, 99.0, kLimit + 1, RunawayReason{Memory{kLimit + 1}},
+         false},
+    };
+    for (const auto& c : cases) {
         AgentMonitor monitor;
-        feed(monitor, "s", kNow - 30, kNow, 5, c.cpu);
-        EXPECT_EQ(monitor.status("s", kNow).isBusy, c.busy) << c.cpu;
+        if (c.cpu) {
+            feed(monitor, 10'000 - c.seconds, 10'000, c.step, c.cpu, c.footprint);
+        } else {  // 95% readings every 10 s, with an unmeasured refresh between each two
+            for (double t = 9'400; t <= 10'000; t += c.step)
+                monitor.ingestLoads(
+                    {{"s", std::fmod(t, 10) == 0 ? 95.0 : std::optional<double>(), c.footprint}},
+                    t);
+        }
+        auto status = monitor.status("s", 10'000);
+        EXPECT_EQ(status.runaway, c.runaway) << c.what;
+        EXPECT_EQ(status.isBusy, c.busy) << c.what;
+        EXPECT_EQ(status.cpuLastFiveMinutes.has_value(), c.seconds > 0) << c.what;
     }
-    AgentMonitor idle;
-    feed(idle, "s", kNow - 30, kNow, 5, std::nullopt);
-    EXPECT_FALSE(idle.status("s", kNow).isBusy);
-    EXPECT_EQ(idle.status("s", kNow).cpuLastFiveMinutes, std::nullopt);
 }
 
-TEST(AgentMonitorTest, IngestForgetsEndedSessionsAndOldSamples) {
+TEST(AgentMonitorTest, HistoryAndAlertsFollowTheSessions) {
     AgentMonitor monitor;
-    feed(monitor, "s", 0, 800, 10, 50.0);
-    const auto* samples = monitor.history("s");
-    ASSERT_NE(samples, nullptr);
-    // Kept: a full runaway window plus a minute, boundary included.
-    EXPECT_EQ(samples->front().time, 140.0);
-    EXPECT_EQ(samples->back().time, 800.0);
+    feed(monitor, 0, 800, 10, 50.0);
+    EXPECT_EQ(monitor.history("s")->front().time, 140.0);  // the window plus a minute is kept
 
-    monitor.ingestLoads({{"other", 1.0, kSmall}}, 810);
-    EXPECT_EQ(monitor.history("s"), nullptr);
-    EXPECT_EQ(monitor.history("other")->size(), 1u);
-}
-
-TEST(AgentMonitorTest, AlertsRespectTheCooldownAndResetWhenASessionEnds) {
-    AgentMonitor monitor;
     const uint64_t huge = 8'000'000'000ULL;
-    monitor.ingestLoads({{"big", std::nullopt, huge}, {"calm", 1.0, kSmall}}, 0);
-
     using Due = std::vector<std::pair<std::string, RunawayReason>>;
-    EXPECT_EQ(monitor.alertsDue(0), (Due{{"big", RunawayReason{Memory{huge}}}}));
-    monitor.ingestLoads({{"big", std::nullopt, huge}, {"calm", 1.0, kSmall}}, 1000);
-    EXPECT_EQ(monitor.alertsDue(1000), Due{});
-    monitor.ingestLoads({{"big", std::nullopt, huge}}, 1799);
-    EXPECT_EQ(monitor.alertsDue(1799), Due{});
-    monitor.ingestLoads({{"big", std::nullopt, huge}}, 1800);
-    EXPECT_EQ(monitor.alertsDue(1800).size(), 1u);
-
-    // A refresh without it ends the session; when it comes back it is reported at once.
-    monitor.ingestLoads({}, 1900);
-    monitor.ingestLoads({{"big", std::nullopt, huge}}, 1910);
-    EXPECT_EQ(monitor.alertsDue(1910).size(), 1u);
+    const std::pair<double, size_t> refreshes[] = {{0, 1}, {1000, 0}, {1799, 0}, {1800, 1}};
+    AgentMonitor alerts;
+    for (auto [now, due] : refreshes) {
+        alerts.ingestLoads({{"big", std::nullopt, huge}, {"calm", 1.0, kSmall}}, now);
+        auto got = alerts.alertsDue(now);
+        EXPECT_EQ(got.size(), due) << now;
+        if (due) {
+            EXPECT_EQ(got, (Due{{"big", RunawayReason{Memory{huge}}}}));
+        }
+    }
+    // A refresh without it ends the session, and forgets its alert.
+    alerts.ingestLoads({{"calm", 1.0, kSmall}}, 1900);
+    EXPECT_EQ(alerts.history("big"), nullptr);
+    alerts.ingestLoads({{"big", std::nullopt, huge}}, 1910);
+    EXPECT_EQ(alerts.alertsDue(1910).size(), 1u);
 }
 
 }  // namespace
