@@ -44,8 +44,11 @@ ListenerClassifier::ListenerClassifier(
     uint32_t uid, std::string home, std::shared_ptr<const ServiceLabels> labels,
     std::function<bool(const std::string&)> isSystemSigned,
     std::function<std::optional<bool>(const std::string&)> keepsAlive)
-    : uid_(uid), home_(std::move(home)), labels_(std::move(labels)),
-      isSystemSigned_(std::move(isSystemSigned)), keepsAlive_(std::move(keepsAlive)) {}
+    : uid_(uid),
+      home_(std::move(home)),
+      labels_(std::move(labels)),
+      isSystemSigned_(std::move(isSystemSigned)),
+      keepsAlive_(std::move(keepsAlive)) {}
 
 std::optional<std::string> ListenerClassifier::containerRuntime(const ListenerFacts& f) const {
     const std::string n = lower(f.name);

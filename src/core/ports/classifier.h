@@ -34,7 +34,7 @@ struct ListenerFacts {
 /// changes. Shared by every copy of the classifier; the lock is held only
 /// around the map, never around the check.
 class SignatureCache {
-public:
+  public:
     struct Stamp {
         uint64_t size = 0;
         int64_t modified = 0;
@@ -45,7 +45,7 @@ public:
     /// The cached or freshly computed verdict; false when the file cannot be read.
     bool verdict(const std::string& path);
 
-private:
+  private:
     std::function<bool(const std::string&)> check_;
     std::function<std::optional<Stamp>(const std::string&)> stamp_;
     std::mutex mutex_;
@@ -54,7 +54,7 @@ private:
 
 /// Decides what kind of thing a listening process is.
 class ListenerClassifier {
-public:
+  public:
     /// `isSystemSigned`: whether a program carries the operating system's
     /// mark (a vendor signature, or on Linux a root-owned distribution file).
     /// `keepsAlive`: whether the service manager restarts a labelled job.
@@ -79,7 +79,7 @@ public:
     const ServiceLabels& labels() const { return *labels_; }
     uint32_t uid() const { return uid_; }
 
-private:
+  private:
     uint32_t uid_;
     std::string home_;
     std::shared_ptr<const ServiceLabels> labels_;
@@ -89,7 +89,7 @@ private:
 
 /// Adjusts roles with what the process's ancestors say about it.
 class RoleResolver {
-public:
+  public:
     RoleResolver(PortEnvironment& environment, const ListenerClassifier& classifier)
         : environment_(environment), classifier_(classifier) {}
 
@@ -104,7 +104,7 @@ public:
     /// The folder an app ships its programs in: "/Applications/Foo.app/" or "/snap/foo/".
     static std::optional<std::string> bundlePrefix(const std::string& path);
 
-private:
+  private:
     PortEnvironment& environment_;
     const ListenerClassifier& classifier_;
 };

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/ports/classifier.h"
@@ -21,5 +23,10 @@ std::shared_ptr<const ServiceLabels> platformServiceLabels();
 /// check behind a shared cache, and keeps-alive answers through `runner`.
 ListenerClassifier makeLiveClassifier(uint32_t uid, const std::string& home,
                                       std::shared_ptr<CommandRunner> runner);
+
+/// The port role rules over this machine, for planning a stop: what the
+/// process `pid` is when it listens on `port` (0 for a stop without a port).
+std::function<ListenerRole(int32_t pid, std::optional<uint16_t> port)> makeLiveRoleRules(
+    uint32_t uid, const std::string& home, std::shared_ptr<CommandRunner> runner);
 
 }  // namespace wharfy

@@ -1,7 +1,7 @@
 #include "core/ports/netstat_parser.h"
 
+#include <algorithm>
 #include <charconv>
-#include <regex>
 
 namespace wharfy {
 namespace {
@@ -10,9 +10,11 @@ std::vector<std::string_view> fields(std::string_view s) {
     std::vector<std::string_view> out;
     size_t i = 0;
     while (i < s.size()) {
-        while (i < s.size() && s[i] == ' ') ++i;
+        while (i < s.size() && s[i] == ' ')
+            ++i;
         size_t start = i;
-        while (i < s.size() && s[i] != ' ') ++i;
+        while (i < s.size() && s[i] != ' ')
+            ++i;
         if (i > start) out.push_back(s.substr(start, i - start));
     }
     return out;
@@ -24,6 +26,37 @@ std::optional<T> decimal(std::string_view s) {
     auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v, 10);
     if (s.empty() || ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
     return v;
+}
+
+bool isWordChar(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+
+/// The first ":PID" followed by blanks and a five-hex-digit column that
+/// ends a word, i.e. the match of ":(\d+)\s+[0-9a-f]{5}\b": (offset of the
+/// colon, the pid digits).
+std::optional<std::pair<size_t, std::string_view>> findPidColumn(std::string_view s) {
+    auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    auto hex = [&](char c) { return digit(c) || (c >= 'a' && c <= 'f'); };
+    auto blank = [](char c) { return c == ' ' || c == '\t'; };
+    for (size_t colon = s.find(':'); colon != std::string_view::npos;
+         colon = s.find(':', colon + 1)) {
+        size_t i = colon + 1;
+        while (i < s.size() && digit(s[i]))
+            ++i;
+        if (i == colon + 1) continue;
+        const std::string_view pid = s.substr(colon + 1, i - colon - 1);
+        size_t j = i;
+        while (j < s.size() && blank(s[j]))
+            ++j;
+        if (j == i || j + 5 > s.size()) continue;
+        if (!std::all_of(s.begin() + static_cast<long>(j), s.begin() + static_cast<long>(j + 5),
+                         hex))
+            continue;
+        if (j + 5 < s.size() && isWordChar(s[j + 5])) continue;
+        return std::pair{colon, pid};
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -44,7 +77,8 @@ std::optional<NetstatListener> NetstatParser::parse(std::string_view line) {
     auto local = splitAddress(f[3]);
     if (!local) return std::nullopt;
     size_t listen = 0;
-    while (listen < f.size() && f[listen] != "LISTEN") ++listen;
+    while (listen < f.size() && f[listen] != "LISTEN")
+        ++listen;
     if (listen == f.size() || f.size() <= listen + 5) return std::nullopt;
     // Joining again keeps process names that contain blanks.
     std::string process;
@@ -52,12 +86,11 @@ std::optional<NetstatListener> NetstatParser::parse(std::string_view line) {
         if (!process.empty()) process += ' ';
         process += f[i];
     }
-    static const std::regex pidColumn(R"(:(\d+)\s+[0-9a-f]{5}\b)");
-    std::smatch m;
-    if (!std::regex_search(process, m, pidColumn)) return std::nullopt;
-    std::string name = m.prefix().str();
+    auto column = findPidColumn(process);
+    if (!column) return std::nullopt;
+    std::string name = process.substr(0, column->first);
     if (name.empty()) return std::nullopt;
-    auto pid = decimal<int32_t>(m[1].str());
+    auto pid = decimal<int32_t>(column->second);
     if (!pid) return std::nullopt;
     return NetstatListener{*pid, std::move(name), std::move(local->first), local->second};
 }
@@ -84,9 +117,12 @@ AddressClass addressClass(std::string_view a) {
 AddressClass addressClass(nemarro::process::ListeningSocket::AddressClass c) {
     using S = nemarro::process::ListeningSocket::AddressClass;
     switch (c) {
-        case S::any: return AddressClass::allNetworks;
-        case S::loopback: return AddressClass::thisMacOnly;
-        case S::specific: return AddressClass::oneNetwork;
+        case S::any:
+            return AddressClass::allNetworks;
+        case S::loopback:
+            return AddressClass::thisMacOnly;
+        case S::specific:
+            return AddressClass::oneNetwork;
     }
     return AddressClass::oneNetwork;
 }

@@ -14,7 +14,7 @@ namespace wharfy {
 
 /// Everything the port rules read from the machine.
 class PortEnvironment {
-public:
+  public:
     virtual ~PortEnvironment() = default;
     /// Listening sockets of every process the user can inspect.
     virtual std::vector<nemarro::process::ListeningSocket> listeningSockets() = 0;

@@ -4,16 +4,20 @@ namespace wharfy {
 
 const char* rawValue(AddressClass c) {
     switch (c) {
-        case AddressClass::thisMacOnly: return "thisMacOnly";
-        case AddressClass::oneNetwork: return "oneNetwork";
-        case AddressClass::allNetworks: return "allNetworks";
+        case AddressClass::thisMacOnly:
+            return "thisMacOnly";
+        case AddressClass::oneNetwork:
+            return "oneNetwork";
+        case AddressClass::allNetworks:
+            return "allNetworks";
     }
     return "thisMacOnly";
 }
 
 const char* ListenerRole::rawValue() const {
-    static constexpr const char* kNames[] = {"appleSystem", "containerForwarder", "partOfApp",
-                                             "backgroundService", "plainProcess", "otherUser"};
+    static constexpr const char* kNames[] = {"appleSystem",  "containerForwarder",
+                                             "partOfApp",    "backgroundService",
+                                             "plainProcess", "otherUser"};
     return kNames[value.index()];
 }
 

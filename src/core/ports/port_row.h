@@ -46,17 +46,20 @@ struct ListenerRole {
         bool operator==(const OtherUser&) const = default;
     };
 
-    using Value =
-        std::variant<AppleSystem, ContainerForwarder, PartOfApp, BackgroundService, PlainProcess,
-                     OtherUser>;
+    using Value = std::variant<AppleSystem, ContainerForwarder, PartOfApp, BackgroundService,
+                               PlainProcess, OtherUser>;
     Value value = PlainProcess{};
 
     bool operator==(const ListenerRole&) const = default;
 
     template <typename T>
-    bool is() const { return std::holds_alternative<T>(value); }
+    bool is() const {
+        return std::holds_alternative<T>(value);
+    }
     template <typename T>
-    const T* as() const { return std::get_if<T>(&value); }
+    const T* as() const {
+        return std::get_if<T>(&value);
+    }
 
     /// "appleSystem", "containerForwarder", "partOfApp", "backgroundService",
     /// "plainProcess" or "otherUser".

@@ -74,32 +74,42 @@ std::vector<PortRow> PortScanner::scan(const CpuByProcess& cpu) {
     return rows;
 }
 
-PortRow PortScanner::ownRow(int32_t pid, uint16_t port, const nemarro::process::BSDInfo& info,
-                            const std::vector<ListeningSocket>& sockets, const LaunchdJobs& jobs,
-                            const CpuByProcess& cpu) {
-    ListenerFacts facts{pid,
-                        port,
-                        info.name,
-                        environment_.executablePath(pid),
-                        {},
-                        jobs.label(pid)};
-    auto arguments = environment_.arguments(pid);
-    if (arguments) facts.arguments = *arguments;
-
+ListenerRole PortScanner::role(const ListenerFacts& facts, const LaunchdJobs& jobs) {
     RoleResolver resolver(environment_, classifier_);
     ListenerRole role = classifier_.classify(facts);
     if (role.is<ListenerRole::PartOfApp>()) {
         // A command-line tool inside an app's folder, started by hand, is not the app.
-        if (!resolver.isRunByItsApp(pid, facts.executablePath, jobs)) {
-            if (facts.launchdLabel && classifier_.isServiceJob(*facts.launchdLabel,
-                                                               facts.executablePath))
-                role = classifier_.serviceRole(*facts.launchdLabel);
-            else
-                role = resolver.resolvePlain(pid, port, jobs, {ListenerRole::PlainProcess{}});
+        if (!resolver.isRunByItsApp(facts.pid, facts.executablePath, jobs)) {
+            if (facts.launchdLabel &&
+                classifier_.isServiceJob(*facts.launchdLabel, facts.executablePath))
+                return classifier_.serviceRole(*facts.launchdLabel);
+            return resolver.resolvePlain(facts.pid, facts.port, jobs,
+                                         {ListenerRole::PlainProcess{}});
         }
     } else if (role.is<ListenerRole::PlainProcess>()) {
-        role = resolver.resolvePlain(pid, port, jobs, role);
+        return resolver.resolvePlain(facts.pid, facts.port, jobs, role);
     }
+    return role;
+}
+
+ListenerRole PortScanner::role(int32_t pid, uint16_t port, const LaunchdJobs& jobs) {
+    auto info = environment_.process(pid);
+    if (!info) return {ListenerRole::OtherUser{}};
+    ListenerFacts facts{pid, port,           info->name, environment_.executablePath(pid),
+                        {},  jobs.label(pid)};
+    if (auto arguments = environment_.arguments(pid)) facts.arguments = std::move(*arguments);
+    return role(facts, jobs);
+}
+
+PortRow PortScanner::ownRow(int32_t pid, uint16_t port, const nemarro::process::BSDInfo& info,
+                            const std::vector<ListeningSocket>& sockets, const LaunchdJobs& jobs,
+                            const CpuByProcess& cpu) {
+    ListenerFacts facts{pid, port,           info.name, environment_.executablePath(pid),
+                        {},  jobs.label(pid)};
+    auto arguments = environment_.arguments(pid);
+    if (arguments) facts.arguments = *arguments;
+
+    ListenerRole role = this->role(facts, jobs);
 
     PortRow row;
     row.port = port;

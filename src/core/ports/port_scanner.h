@@ -18,19 +18,26 @@ using CpuByProcess = std::unordered_map<nemarro::process::ProcessIdentity, doubl
 /// Builds the port rows the user sees: one per (process, port), from the
 /// sockets of inspectable processes and the machine-wide table for the rest.
 class PortScanner {
-public:
+  public:
     PortScanner(PortEnvironment& environment, const ListenerClassifier& classifier,
                 ProjectResolver resolver, uint32_t uid)
-        : environment_(environment), classifier_(classifier), resolver_(std::move(resolver)),
+        : environment_(environment),
+          classifier_(classifier),
+          resolver_(std::move(resolver)),
           uid_(uid) {}
 
     /// Every listening port, sorted by port and then pid.
     std::vector<PortRow> scan(const CpuByProcess& cpu = {});
 
+    /// What the process listening on `port` is, by the same rules as its row:
+    /// classification, then the app and service adjustments.
+    ListenerRole role(int32_t pid, uint16_t port, const LaunchdJobs& jobs);
+
     /// The rows on `port`, in their order.
     static std::vector<PortRow> rows(uint16_t port, const std::vector<PortRow>& rows);
 
-private:
+  private:
+    ListenerRole role(const ListenerFacts& facts, const LaunchdJobs& jobs);
     PortRow ownRow(int32_t pid, uint16_t port, const nemarro::process::BSDInfo& info,
                    const std::vector<nemarro::process::ListeningSocket>& sockets,
                    const LaunchdJobs& jobs, const CpuByProcess& cpu);

@@ -12,7 +12,8 @@ constexpr const char* kPrivacyFolders[] = {"Documents", "Desktop", "Downloads",
 ProjectResolver::ProjectResolver(std::string home, bool hasFullDiskAccess,
                                  std::function<bool(const std::string&)> exists)
     : home_(std::move(home)), hasFullDiskAccess_(hasFullDiskAccess), exists_(std::move(exists)) {
-    while (home_.size() > 1 && home_.back() == '/') home_.pop_back();
+    while (home_.size() > 1 && home_.back() == '/')
+        home_.pop_back();
 }
 
 std::string ProjectResolver::abbreviate(const std::string& path) const {

@@ -11,7 +11,7 @@ namespace wharfy {
 /// folder below home that holds a ".git" entry, with home shown as "~".
 /// Without full disk access it never looks inside privacy-protected folders.
 class ProjectResolver {
-public:
+  public:
     /// `home` without a trailing "/"; `exists` tells whether a path exists.
     ProjectResolver(std::string home, bool hasFullDiskAccess,
                     std::function<bool(const std::string&)> exists);
@@ -26,7 +26,7 @@ public:
     /// An `exists` over the real file system (lstat, links not followed).
     static bool pathExists(const std::string& path);
 
-private:
+  private:
     std::string home_;
     bool hasFullDiskAccess_;
     std::function<bool(const std::string&)> exists_;

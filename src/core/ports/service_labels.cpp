@@ -7,7 +7,8 @@ namespace wharfy {
 namespace {
 
 bool allDigits(std::string_view s) {
-    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 bool allHex(std::string_view s) {
@@ -21,15 +22,16 @@ std::vector<std::string_view> split(std::string_view s, char sep) {
     size_t pos = 0;
     for (;;) {
         size_t end = s.find(sep, pos);
-        out.push_back(s.substr(pos, end == std::string_view::npos ? std::string_view::npos
-                                                                  : end - pos));
+        out.push_back(
+            s.substr(pos, end == std::string_view::npos ? std::string_view::npos : end - pos));
         if (end == std::string_view::npos) return out;
         pos = end + 1;
     }
 }
 
 std::string_view trim(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+        s.remove_prefix(1);
     while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
         s.remove_suffix(1);
     return s;
@@ -89,7 +91,8 @@ std::string LaunchdLabels::appName(std::string_view label, const std::string& pr
 
 std::string LaunchdLabels::stopCommand(std::string_view label, uint32_t uid) const {
     constexpr std::string_view brew = "homebrew.mxcl.";
-    if (label.starts_with(brew)) return "brew services stop " + std::string(label.substr(brew.size()));
+    if (label.starts_with(brew))
+        return "brew services stop " + std::string(label.substr(brew.size()));
     return "launchctl bootout gui/" + std::to_string(uid) + "/" + std::string(label);
 }
 
@@ -131,7 +134,8 @@ bool SystemdLabels::mayBeSystemJob(std::string_view label) const {
 bool SystemdLabels::isAppJob(std::string_view label) const {
     auto u = unit(label);
     if (!u.starts_with("app-")) return false;
-    return u.ends_with(".scope") || (u.ends_with(".service") && u.find('@') != std::string_view::npos);
+    return u.ends_with(".scope") ||
+           (u.ends_with(".service") && u.find('@') != std::string_view::npos);
 }
 
 // Desktop app units are named app-[LAUNCHER-]APPID[@RANDOM].service or
@@ -170,7 +174,8 @@ std::optional<bool> SystemdLabels::keepsAlive(std::string_view label, uint32_t /
     auto out = runner.run("/usr/bin/systemctl", args);
     if (!out) return std::nullopt;
     auto value = trim(*out);
-    while (!value.empty() && value.back() == '\n') value = trim(value.substr(0, value.size() - 1));
+    while (!value.empty() && value.back() == '\n')
+        value = trim(value.substr(0, value.size() - 1));
     if (value.empty()) return std::nullopt;
     return value != "no";
 }

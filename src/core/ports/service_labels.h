@@ -17,7 +17,7 @@ namespace wharfy {
 /// What a platform's service-manager labels mean and how a job is stopped
 /// for good. The listener rules ask this instead of testing label prefixes.
 class ServiceLabels {
-public:
+  public:
     virtual ~ServiceLabels() = default;
     /// Path prefixes under which every program belongs to the operating system.
     virtual const std::vector<std::string>& systemPathPrefixes() const = 0;
@@ -40,7 +40,7 @@ public:
 
 /// launchd on macOS: "com.apple." jobs, "application." app jobs, Homebrew services.
 class LaunchdLabels final : public ServiceLabels {
-public:
+  public:
     const std::vector<std::string>& systemPathPrefixes() const override;
     bool mayBeSystemJob(std::string_view label) const override;
     bool systemJobNeedsSystemProgram() const override { return false; }
@@ -56,7 +56,7 @@ public:
 /// systemd on Linux. Labels are "system/UNIT" for system units and
 /// "user/UNIT" for units of a user's manager.
 class SystemdLabels final : public ServiceLabels {
-public:
+  public:
     const std::vector<std::string>& systemPathPrefixes() const override;
     bool mayBeSystemJob(std::string_view label) const override;
     bool systemJobNeedsSystemProgram() const override { return true; }
@@ -77,7 +77,7 @@ public:
 
 /// The service-manager label of each process, read once per scan.
 class LaunchdJobs {
-public:
+  public:
     LaunchdJobs() = default;
     explicit LaunchdJobs(std::map<int32_t, std::string> labelByPID)
         : labelByPID_(std::move(labelByPID)) {}
@@ -92,7 +92,7 @@ public:
     /// Runs "/bin/launchctl list"; no output gives no labels.
     static LaunchdJobs read(CommandRunner& runner);
 
-private:
+  private:
     std::map<int32_t, std::string> labelByPID_;
     std::function<std::optional<std::string>(int32_t)> lookup_;
     mutable std::shared_ptr<std::unordered_map<int32_t, std::optional<std::string>>> memo_ =

@@ -14,9 +14,9 @@ std::string normalizedProgramName(std::string_view name) {
 }
 
 const std::vector<std::string>& shellNames() {
-    static const std::vector<std::string> names{"sh",   "bash", "zsh",  "fish",  "dash",
-                                                "ksh",  "mksh", "yash", "rbash", "tcsh",
-                                                "csh",  "nu",   "xonsh", "pwsh", "elvish"};
+    static const std::vector<std::string> names{"sh",  "bash", "zsh",   "fish",  "dash",
+                                                "ksh", "mksh", "yash",  "rbash", "tcsh",
+                                                "csh", "nu",   "xonsh", "pwsh",  "elvish"};
     return names;
 }
 
@@ -32,8 +32,8 @@ bool isCommandWrapper(const std::vector<std::string>& commandLine) {
         if (!a.starts_with('-')) return true;  // a script
         // An option cluster such as -c, -lc or -xec.
         bool lettersOnly = a.size() > 1 && std::all_of(a.begin() + 1, a.end(), [](char c) {
-            return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-        });
+                               return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+                           });
         if (lettersOnly && a.find('c', 1) != std::string::npos) return true;
     }
     return false;

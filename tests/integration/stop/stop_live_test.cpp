@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "core/ports/live_environment.h"
 #include "core/stop/stopper.h"
 #include "fake_signal_sender.h"
 #include "test_process.h"
@@ -75,7 +76,9 @@ class LiveStopTest : public ::testing::Test {
         };
     }
 
-    LiveStopEnvironment env{[](int32_t, std::optional<uint16_t>) { return ListenerRole{}; }};
+    // The real port rules decide what each process is.
+    LiveStopEnvironment env{makeLiveRoleRules(::geteuid(), "/nonexistent-home",
+                                              std::make_shared<SystemCommandRunner>(10))};
     LiveSignalSender live;
     testing::RecordingSignalSender sender;
     int sleeps = 0;

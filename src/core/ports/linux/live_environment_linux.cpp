@@ -9,6 +9,7 @@
 #include <unordered_set>
 
 #include "core/ports/live_environment.h"
+#include "core/ports/port_scanner.h"
 #include "process/linux/procfs.h"
 
 namespace wharfy {
@@ -24,8 +25,7 @@ std::string userName(uint32_t uid) {
     std::vector<char> buf(4096);
     passwd pw{};
     passwd* found = nullptr;
-    if (::getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) == 0 && found)
-        return found->pw_name;
+    if (::getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) == 0 && found) return found->pw_name;
     return std::to_string(uid);
 }
 
@@ -42,9 +42,9 @@ bool isDistributionProgram(const std::string& path) {
 std::optional<SignatureCache::Stamp> fileStamp(const std::string& path) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-    return SignatureCache::Stamp{static_cast<uint64_t>(st.st_size),
-                                 static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 +
-                                     st.st_mtim.tv_nsec};
+    return SignatureCache::Stamp{
+        static_cast<uint64_t>(st.st_size),
+        static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec};
 }
 
 /// The Linux machine. Listening sockets are matched to processes through the
@@ -57,7 +57,7 @@ std::optional<SignatureCache::Stamp> fileStamp(const std::string& path) {
 /// rest. A stale cache can only cost time: every holder is verified before
 /// it is reported.
 class LinuxPortEnvironment final : public PortEnvironment {
-public:
+  public:
     explicit LinuxPortEnvironment(std::shared_ptr<CommandRunner> runner)
         : runner_(std::move(runner)) {}
 
@@ -81,7 +81,7 @@ public:
         return usage->footprint;
     }
 
-private:
+  private:
     struct Holder {
         int32_t pid;
         int32_t fd;
@@ -89,8 +89,7 @@ private:
     };
     using Holders = std::unordered_map<uint64_t, std::vector<Holder>>;
 
-    void readDescriptors(int32_t pid, const nemarro::process::ListenerTable& table,
-                         Holders& found);
+    void readDescriptors(int32_t pid, const nemarro::process::ListenerTable& table, Holders& found);
     const std::string& nameOf(uint32_t uid);
 
     std::shared_ptr<CommandRunner> runner_;
@@ -177,7 +176,8 @@ std::vector<ListeningSocket> LinuxPortEnvironment::listeningSockets() {
     // Report in process-table order, each process's sockets in descriptor order.
     std::unordered_map<int32_t, std::vector<std::pair<int32_t, uint64_t>>> byPid;
     for (const auto& [inode, holders] : found)
-        for (const auto& h : holders) byPid[h.pid].push_back({h.fd, inode});
+        for (const auto& h : holders)
+            byPid[h.pid].push_back({h.fd, inode});
     std::vector<ListeningSocket> out;
     for (int32_t pid : pids) {
         auto it = byPid.find(pid);
@@ -241,6 +241,17 @@ ListenerClassifier makeLiveClassifier(uint32_t uid, const std::string& home,
         [labels, runner, uid](const std::string& label) {
             return labels->keepsAlive(label, uid, *runner);
         });
+}
+
+std::function<ListenerRole(int32_t, std::optional<uint16_t>)> makeLiveRoleRules(
+    uint32_t uid, const std::string& home, std::shared_ptr<CommandRunner> runner) {
+    std::shared_ptr<PortEnvironment> environment = makeLivePortEnvironment(runner);
+    auto classifier = std::make_shared<ListenerClassifier>(makeLiveClassifier(uid, home, runner));
+    return [environment, classifier, uid, home](int32_t pid, std::optional<uint16_t> port) {
+        ProjectResolver resolver(home, true, &ProjectResolver::pathExists);
+        PortScanner scanner(*environment, *classifier, std::move(resolver), uid);
+        return scanner.role(pid, port.value_or(0), environment->launchdJobs());
+    };
 }
 
 }  // namespace wharfy
