@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/agents/agent_session.h"
+#include "process/process_reader.h"
 #include "process/process_sampler.h"
 
 extern char** environ;
@@ -92,16 +93,41 @@ void AgentsSamplerRead(benchmark::State& state) {
 }
 BENCHMARK(AgentsSamplerRead)->Unit(benchmark::kMillisecond);
 
+wharfy::SessionBuilder builderFor(const FakeAgent& agent) {
+    return wharfy::SessionBuilder(
+        wharfy::AgentCatalog(agent.home()),
+        wharfy::ProjectResolver(agent.home(), true, &wharfy::ProjectResolver::pathExists),
+        static_cast<uint32_t>(::getuid()));
+}
+
+// The builder alone on one sample, with the live argument and directory reads:
+// what sessions adds to the sampler's read.
+void AgentsBuildOnly(benchmark::State& state) {
+    FakeAgent& agent = fakeAgent();
+    if (!agent.running()) {
+        state.SkipWithError("the fake agent did not start");
+        return;
+    }
+    auto builder = builderFor(agent);
+    auto sampler = liveSampler();
+    const auto sample = sampler.sample();
+    std::vector<char> buffer;
+    for (auto _ : state) {
+        auto all = builder.build(
+            sample.processes, [&](int32_t pid) { return ProcessReader::arguments(pid, buffer); },
+            [](int32_t pid) { return ProcessReader::currentDirectory(pid); });
+        benchmark::DoNotOptimize(all);
+    }
+}
+BENCHMARK(AgentsBuildOnly)->Unit(benchmark::kMillisecond);
+
 void AgentsLiveSessions(benchmark::State& state) {
     FakeAgent& agent = fakeAgent();
     if (!agent.running()) {
         state.SkipWithError("the fake agent did not start");
         return;
     }
-    wharfy::SessionBuilder builder(
-        wharfy::AgentCatalog(agent.home()),
-        wharfy::ProjectResolver(agent.home(), true, &wharfy::ProjectResolver::pathExists),
-        static_cast<uint32_t>(::getuid()));
+    auto builder = builderFor(agent);
     wharfy::LiveAgentSource source;
     size_t sessions = 0, processes = 0;
     for (auto _ : state) {
