@@ -203,7 +203,7 @@ bool PodmanEngine::launchService(std::string& whyNot) {
 
 void PodmanEngine::cleanUp() {
     // Containers are only ever asked to stop with SIGTERM: the test
-    // containers are chosen to exit on it or on their own soon after.
+    // containers are chosen to exit on it, or are ended by their test.
     if (auto ids = podmanOutput({"ps", "-q"}); ids && !ids->empty()) {
         std::vector<std::string> running{"kill", "--signal", "TERM"};
         size_t start = 0;

@@ -21,8 +21,8 @@ using testing::PodmanEngine;
 
 // busybox httpd as a container's first process ignores SIGTERM and could then
 // only be ended by a harder signal, which Wharfy and its tests never send.
-// syslogd exits on SIGTERM, and sleep ends by itself; the published port is
-// held on the host by the engine either way.
+// syslogd exits on SIGTERM; the published port is held on the host by the
+// engine either way.
 const std::vector<std::string> kStopsOnTerm{"/bin/busybox", "syslogd", "-n", "-O", "/dev/null"};
 
 class PodmanEngineTest : public ::testing::Test {
@@ -204,10 +204,12 @@ TEST_F(PodmanEngineTest, CleanupActionsRunThroughTheDockerTool) {
 TEST_F(PodmanEngineTest, StopSendsSigtermAndReportsWhatHappened) {
     auto docker = testing::dockerTool(engine().home());
     if (!docker) GTEST_SKIP() << "no docker command-line tool: " << DockerBinary::kNotFoundText;
-    // As the first process, sleep ignores SIGTERM; it ends on its own after
-    // the polls, which take a few seconds even without waits between them.
+    // A first process that ignores SIGTERM and leaves only on SIGUSR1, which
+    // the test sends once the stop has been judged: no race with the polls.
     const std::string stubborn =
-        run(engine().uniqueName("stubborn"), {}, {"/bin/busybox", "sleep", "12"});
+        run(engine().uniqueName("stubborn"), {},
+            {"/bin/busybox", "sh", "-c",
+             "trap '' TERM; trap 'exit 0' USR1; while :; do /bin/busybox sleep 1; done"});
     ASSERT_FALSE(stubborn.starts_with("FAILED")) << stubborn;
     const std::string polite = run(engine().uniqueName("polite"), {}, kStopsOnTerm);
     ASSERT_FALSE(polite.starts_with("FAILED")) << polite;
@@ -232,6 +234,7 @@ TEST_F(PodmanEngineTest, StopSendsSigtermAndReportsWhatHappened) {
     EXPECT_TRUE(stopped.value().succeeded) << stopped.value().error;
     EXPECT_EQ(stopped.value().stopOutcome, StopOutcome::stopped);
     EXPECT_EQ(client().containerState(polite).value(), "exited");
+    engine().podman({"kill", "--signal", "USR1", stubborn});
     EXPECT_TRUE(engine().waitUntilNotRunning(stubborn, 20));
 }
 
