@@ -294,6 +294,10 @@ int main(int argc, char** argv) {
     if (zombie) {
         pid_t pid = ::fork();
         if (pid == 0) _exit(0);
+        // Report ready only once it is a zombie: until it exits it still
+        // holds every inherited socket. WNOWAIT leaves it unreaped.
+        siginfo_t info{};
+        ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
         children.push_back(pid);
     }
 
