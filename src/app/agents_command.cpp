@@ -11,12 +11,6 @@ namespace {
 
 using nlohmann::json;
 
-std::string gigabytes(uint64_t bytes) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%.1f GB", static_cast<double>(bytes) / 1e9);
-    return buffer;
-}
-
 std::string percent(double value, bool tenths) {
     char buffer[64];
     if (tenths)

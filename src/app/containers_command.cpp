@@ -10,12 +10,6 @@ namespace {
 
 using nlohmann::json;
 
-std::string gigabytes(uint64_t bytes) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%.1f GB", static_cast<double>(bytes) / 1e9);
-    return buffer;
-}
-
 uint64_t nonNegative(int64_t v) {
     return v < 0 ? 0 : static_cast<uint64_t>(v);
 }

@@ -67,15 +67,6 @@ std::string emitText(const nlohmann::json& value) {
     return text + "\n";
 }
 
-std::string formatBytes(uint64_t bytes) {
-    char buf[32];
-    if (bytes >= 1'000'000'000)
-        std::snprintf(buf, sizeof buf, "%.1f GB", static_cast<double>(bytes) / 1e9);
-    else
-        std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(bytes) / 1e6);
-    return buf;
-}
-
 std::string kindPhrase(const PortRow& row) {
     struct Visitor {
         const PortRow& row;

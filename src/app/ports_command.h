@@ -35,9 +35,6 @@ std::string portsText(const std::vector<PortRow>& rows);
 /// The role as a short phrase, with a service's stop command or an app's name.
 std::string kindPhrase(const PortRow& row);
 
-/// Bytes as decimal megabytes or gigabytes ("12.3 MB", "4.1 GB").
-std::string formatBytes(uint64_t bytes);
-
 /// Serialises pretty-printed with sorted keys and a line feed ("{}" if that fails).
 std::string emitText(const nlohmann::json& value);
 

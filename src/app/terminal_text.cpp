@@ -1,6 +1,7 @@
 #include "app/terminal_text.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "process/process_reader.h"
 
@@ -44,6 +45,19 @@ std::string terminalSafe(std::string_view text) {
         } else out.push_back(static_cast<char>(c));
     }
     return out;
+}
+
+std::string gigabytes(uint64_t bytes) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f GB", static_cast<double>(bytes) / 1e9);
+    return buf;
+}
+
+std::string formatBytes(uint64_t bytes) {
+    if (bytes >= 1'000'000'000) return gigabytes(bytes);
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(bytes) / 1e6);
+    return buf;
 }
 
 TextTable::TextTable(std::vector<std::string> headers) : headers_(std::move(headers)) {}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,6 +11,12 @@ namespace wharfy::app {
 /// escape sequences and invalid UTF-8 are shown as visible escapes (\e, \n,
 /// \x7f, \u{9b}), never sent raw.
 std::string terminalSafe(std::string_view text);
+
+/// Bytes as the user reads them: decimal gigabytes, "%.1f GB".
+std::string gigabytes(uint64_t bytes);
+
+/// Small sizes in decimal megabytes, large ones in gigabytes ("12.3 MB", "4.1 GB").
+std::string formatBytes(uint64_t bytes);
 
 /// Columns of a plain-text table, widths fitted to the content. Cells must be
 /// terminal-safe already; widths count UTF-8 code points.
