@@ -102,14 +102,7 @@ std::string agentsText(const AgentsReport& report) {
                    stateText(status), s.project ? terminalSafe(s.project->path) : "-",
                    notesText(s)});
     }
-    std::string rendered = table.render();
-    size_t start = 0;
-    while (start < rendered.size()) {
-        size_t end = rendered.find('\n', start);
-        if (end == std::string::npos) end = rendered.size();
-        out += "  " + rendered.substr(start, end - start) + "\n";
-        start = end + 1;
-    }
+    out += table.render("  ");
     return out;
 }
 

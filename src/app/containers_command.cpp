@@ -129,14 +129,7 @@ std::string containersText(const std::vector<RuntimeReport>& reports) {
             for (const auto& c : r.containers)
                 table.add({terminalSafe(c.name()), terminalSafe(c.image), terminalSafe(c.state),
                            terminalSafe(c.status), terminalSafe(portsText(c))});
-            std::string rendered = table.render();
-            size_t start = 0;
-            while (start < rendered.size()) {
-                size_t end = rendered.find('\n', start);
-                if (end == std::string::npos) end = rendered.size();
-                out += "  " + rendered.substr(start, end - start) + "\n";
-                start = end + 1;
-            }
+            out += table.render("  ");
         }
         if (r.sizes) {
             const DiskUsage& u = r.sizes->usage;

@@ -22,7 +22,8 @@ UserContext UserContext::current() {
     } else if (const passwd* pw = ::getpwuid(user.uid)) {
         user.home = pw->pw_dir;
     }
-    while (user.home.size() > 1 && user.home.back() == '/') user.home.pop_back();
+    while (user.home.size() > 1 && user.home.back() == '/')
+        user.home.pop_back();
     return user;
 }
 
@@ -102,7 +103,7 @@ std::string portsText(const std::vector<PortRow>& rows) {
     const auto& words = platformWords();
     TextTable table({"PORT", "PROCESS", "REACHABLE FROM", "KIND", "PROJECT", "MEMORY", "CPU"});
     for (const auto& row : rows) {
-        const char* reach = row.addressClass == AddressClass::thisMacOnly ? words.thisMacOnly
+        const char* reach = row.addressClass == AddressClass::thisMacOnly  ? words.thisMacOnly
                             : row.addressClass == AddressClass::oneNetwork ? words.oneNetwork
                                                                            : words.allNetworks;
         std::string process = terminalSafe(row.processName);

@@ -32,17 +32,24 @@ std::string terminalSafe(std::string_view text) {
     const auto* s = reinterpret_cast<const unsigned char*>(repaired.data());
     for (size_t i = 0; i < repaired.size(); ++i) {
         unsigned char c = s[i];
-        if (c == '\\') out += "\\\\";
-        else if (c == 0x1B) out += "\\e";
-        else if (c == '\n') out += "\\n";
-        else if (c == '\t') out += "\\t";
-        else if (c == '\r') out += "\\r";
-        else if (c < 0x20 || c == 0x7F) appendHex(out, "\\x", c);
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == 0x1B)
+            out += "\\e";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\t')
+            out += "\\t";
+        else if (c == '\r')
+            out += "\\r";
+        else if (c < 0x20 || c == 0x7F)
+            appendHex(out, "\\x", c);
         else if (c == 0xC2 && i + 1 < repaired.size() && s[i + 1] >= 0x80 && s[i + 1] <= 0x9F) {
             // C1 controls (U+0080..U+009F) include CSI, which terminals honour too.
             appendHex(out, "\\u{", s[i + 1], "}");
             ++i;
-        } else out.push_back(static_cast<char>(c));
+        } else
+            out.push_back(static_cast<char>(c));
     }
     return out;
 }
@@ -67,11 +74,13 @@ void TextTable::add(std::vector<std::string> row) {
     rows_.push_back(std::move(row));
 }
 
-std::string TextTable::render() const {
+std::string TextTable::render(std::string_view indent) const {
     std::vector<size_t> widths(headers_.size());
-    for (size_t c = 0; c < headers_.size(); ++c) widths[c] = displayWidth(headers_[c]);
+    for (size_t c = 0; c < headers_.size(); ++c)
+        widths[c] = displayWidth(headers_[c]);
     for (const auto& row : rows_)
-        for (size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], displayWidth(row[c]));
+        for (size_t c = 0; c < row.size(); ++c)
+            widths[c] = std::max(widths[c], displayWidth(row[c]));
     std::string out;
     auto line = [&](const std::vector<std::string>& cells) {
         std::string l;
@@ -79,12 +88,15 @@ std::string TextTable::render() const {
             l += cells[c];
             if (c + 1 < cells.size()) l.append(widths[c] - displayWidth(cells[c]) + 2, ' ');
         }
-        while (!l.empty() && l.back() == ' ') l.pop_back();
+        while (!l.empty() && l.back() == ' ')
+            l.pop_back();
+        out += indent;
         out += l;
         out += '\n';
     };
     line(headers_);
-    for (const auto& row : rows_) line(row);
+    for (const auto& row : rows_)
+        line(row);
     return out;
 }
 

@@ -21,14 +21,15 @@ std::string formatBytes(uint64_t bytes);
 /// Columns of a plain-text table, widths fitted to the content. Cells must be
 /// terminal-safe already; widths count UTF-8 code points.
 class TextTable {
-public:
+  public:
     explicit TextTable(std::vector<std::string> headers);
     void add(std::vector<std::string> row);
-    /// The table with a header line, columns separated by two blanks.
-    std::string render() const;
+    /// The table with a header line, columns separated by two blanks, each
+    /// line starting with `indent`.
+    std::string render(std::string_view indent = "") const;
     bool empty() const { return rows_.empty(); }
 
-private:
+  private:
     std::vector<std::string> headers_;
     std::vector<std::vector<std::string>> rows_;
 };

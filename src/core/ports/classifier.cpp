@@ -7,13 +7,6 @@
 namespace wharfy {
 namespace {
 
-std::string lower(std::string_view s) {
-    std::string out(s);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return out;
-}
-
 bool contains(std::string_view s, std::string_view part) {
     return s.find(part) != std::string_view::npos;
 }
@@ -51,8 +44,8 @@ ListenerClassifier::ListenerClassifier(
       keepsAlive_(std::move(keepsAlive)) {}
 
 std::optional<std::string> ListenerClassifier::containerRuntime(const ListenerFacts& f) const {
-    const std::string n = lower(f.name);
-    const std::string p = lower(f.executablePath.value_or(""));
+    const std::string n = lowercase(f.name);
+    const std::string p = lowercase(f.executablePath.value_or(""));
     if (n == "limactl" || p.ends_with("/limactl")) return "Colima";
     if (n == "ssh" && std::any_of(f.arguments.begin(), f.arguments.end(), [](const auto& a) {
             return contains(a, "/.colima/") || contains(a, "/.lima/");

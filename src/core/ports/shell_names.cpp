@@ -4,13 +4,17 @@
 
 namespace wharfy {
 
-std::string normalizedProgramName(std::string_view name) {
-    if (name.starts_with('-')) name.remove_prefix(1);
-    if (auto colon = name.find(':'); colon != std::string_view::npos) name = name.substr(0, colon);
-    std::string out(name);
+std::string lowercase(std::string_view text) {
+    std::string out(text);
     std::transform(out.begin(), out.end(), out.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return out;
+}
+
+std::string normalizedProgramName(std::string_view name) {
+    if (name.starts_with('-')) name.remove_prefix(1);
+    if (auto colon = name.find(':'); colon != std::string_view::npos) name = name.substr(0, colon);
+    return lowercase(name);
 }
 
 const std::vector<std::string>& shellNames() {

@@ -6,6 +6,9 @@
 
 namespace wharfy {
 
+/// `text` in ASCII lower case.
+std::string lowercase(std::string_view text);
+
 /// Program names compared the way shells and login processes show them:
 /// lower-cased, one leading "-" removed, cut at the first ":".
 std::string normalizedProgramName(std::string_view name);

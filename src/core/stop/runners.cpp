@@ -9,16 +9,9 @@ namespace wharfy {
 
 namespace {
 
-std::string lower(std::string_view s) {
-    std::string out(s);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return out;
-}
-
 std::string lastComponent(std::string_view path) {
     auto slash = path.rfind('/');
-    return lower(slash == std::string_view::npos ? path : path.substr(slash + 1));
+    return lowercase(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
 
 template <size_t N>
@@ -29,7 +22,7 @@ bool contains(const std::array<std::string_view, N>& set, std::string_view s) {
 }  // namespace
 
 bool Runners::isRunner(const ProcessRef& ref) {
-    if (contains(names, lower(ref.name))) return true;
+    if (contains(names, lowercase(ref.name))) return true;
     if (ref.path && contains(names, lastComponent(*ref.path))) return true;
     for (const auto& arg : ref.commandLine) {
         if (contains(scripts, lastComponent(arg))) return true;
@@ -49,7 +42,7 @@ bool Runners::matchesPattern(const std::vector<std::string>& commandLine) {
             if (lastComponent(commandLine[i]) != program) continue;
             bool found = std::any_of(commandLine.begin() + static_cast<std::ptrdiff_t>(i) + 1,
                                      commandLine.end(),
-                                     [&](const std::string& a) { return lower(a) == word; });
+                                     [&](const std::string& a) { return lowercase(a) == word; });
             if (found) return true;
         }
     }

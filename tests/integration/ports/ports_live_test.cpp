@@ -45,6 +45,16 @@ std::vector<PortRow> on(uint16_t port, const std::vector<PortRow>& rows) {
     return PortScanner::rows(port, rows);
 }
 
+/// Everything left to read on `fd`, which is then closed.
+std::string readToEnd(int fd) {
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;)
+        text.append(buf, static_cast<size_t>(n));
+    ::close(fd);
+    return text;
+}
+
 /// A port that is free on both loopbacks right now.
 uint16_t freePort() {
     int fd = ::socket(AF_INET6, SOCK_STREAM, 0);
@@ -186,11 +196,7 @@ TEST(LivePorts, UnprivilegedScanShowsRootListenersAsOtherUserRows) {
         _exit(0);
     }
     ::close(fds[1]);
-    std::string text;
-    char buf[4096];
-    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;)
-        text.append(buf, static_cast<size_t>(n));
-    ::close(fds[0]);
+    const std::string text = readToEnd(fds[0]);
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
@@ -221,11 +227,7 @@ TEST(LivePorts, PortsJsonCommandPrintsTheRows) {
     ASSERT_EQ(::posix_spawn(&pid, exe.c_str(), &actions, nullptr, argv, environ), 0);
     posix_spawn_file_actions_destroy(&actions);
     ::close(fds[1]);
-    std::string text;
-    char buf[4096];
-    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;)
-        text.append(buf, static_cast<size_t>(n));
-    ::close(fds[0]);
+    const std::string text = readToEnd(fds[0]);
     int status = 0;
     ::waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
