@@ -47,9 +47,9 @@ bool runTool(const std::string& executable, const std::vector<std::string>& argu
 std::string wharfyPath() { return WHARFY_EXE_PATH; }
 
 void startLoadFromEnvironment() {
-    const char* spec = std::getenv("WHARFY_BENCH_LOAD");
-    if (!spec) return;
-    std::string s = spec;
+    const char* request = std::getenv("WHARFY_BENCH_LOAD");
+    if (!request) return;
+    std::string s = request;
     for (char& c : s)
         if (c == ':') c = ' ';
     std::vector<std::string> parts;
@@ -83,7 +83,7 @@ void startLoadFromEnvironment() {
     char line[128] = {};
     ssize_t n = ::read(out[0], line, sizeof line - 1);
     ::close(out[0]);
-    std::fprintf(stderr, "load (%s): %.*s", spec, static_cast<int>(n > 0 ? n : 0), line);
+    std::fprintf(stderr, "load (%s): %.*s", request, static_cast<int>(n > 0 ? n : 0), line);
     std::atexit(stopLoad);
 }
 

@@ -46,11 +46,11 @@ namespace {
     std::exit(2);
 }
 
-int openSocket(const std::string& spec, int type) {
-    auto colon = spec.rfind(':');
-    if (colon == std::string::npos) die("bad address " + spec);
-    std::string host = spec.substr(0, colon);
-    int port = std::atoi(spec.c_str() + colon + 1);
+int openSocket(const std::string& where, int type) {
+    auto colon = where.rfind(':');
+    if (colon == std::string::npos) die("bad address " + where);
+    std::string host = where.substr(0, colon);
+    int port = std::atoi(where.c_str() + colon + 1);
     bool v6 = host.size() >= 2 && host.front() == '[';
     if (v6) host = host.substr(1, host.size() - 2);
     int fd = ::socket(v6 ? AF_INET6 : AF_INET, type, 0);
@@ -64,13 +64,13 @@ int openSocket(const std::string& spec, int type) {
         a.sin6_family = AF_INET6;
         a.sin6_port = htons(static_cast<uint16_t>(port));
         if (::inet_pton(AF_INET6, host.c_str(), &a.sin6_addr) != 1) die("address " + host);
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("bind " + spec);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("bind " + where);
     } else {
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_port = htons(static_cast<uint16_t>(port));
         if (::inet_pton(AF_INET, host.c_str(), &a.sin_addr) != 1) die("address " + host);
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("bind " + spec);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) die("bind " + where);
     }
     if (type == SOCK_STREAM && ::listen(fd, 16) != 0) die("listen");
     return fd;
@@ -129,11 +129,11 @@ Supervised startSupervised(int listenFd, int notifyFd) {
     return {pid, go[1]};
 }
 
-[[noreturn]] void supervise(const std::string& spec, int listenFd) {
+[[noreturn]] void supervise(const std::string& where, int listenFd) {
     int notify[2];
     if (::pipe(notify) != 0) die("pipe");
     int port = boundPort(listenFd);
-    std::string again = spec.substr(0, spec.rfind(':') + 1) + std::to_string(port);
+    std::string again = where.substr(0, where.rfind(':') + 1) + std::to_string(port);
     Supervised child = startSupervised(listenFd, notify[1]);
     std::printf("ready %d pids %d\n", port, child.pid);
     std::fflush(stdout);
