@@ -33,7 +33,8 @@ bool runTool(const std::string& executable, const std::vector<std::string>& argu
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     std::vector<char*> argv{const_cast<char*>(executable.c_str())};
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& a : arguments)
+        argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     pid_t pid = -1;
     int rc = ::posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), environ);
@@ -44,7 +45,9 @@ bool runTool(const std::string& executable, const std::vector<std::string>& argu
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-std::string wharfyPath() { return WHARFY_EXE_PATH; }
+std::string wharfyPath() {
+    return WHARFY_EXE_PATH;
+}
 
 void startLoadFromEnvironment() {
     const char* request = std::getenv("WHARFY_BENCH_LOAD");
@@ -73,7 +76,8 @@ void startLoadFromEnvironment() {
     posix_spawn_file_actions_addclose(&actions, in[1]);
     posix_spawn_file_actions_addclose(&actions, out[0]);
     std::string path = WHARFY_LOAD_PATH;
-    std::vector<char*> argv{path.data(), parts[0].data(), parts[1].data(), parts[2].data(), nullptr};
+    std::vector<char*> argv{path.data(), parts[0].data(), parts[1].data(), parts[2].data(),
+                            nullptr};
     if (::posix_spawn(&loadPid, path.c_str(), &actions, nullptr, argv.data(), environ) != 0)
         std::exit(2);
     posix_spawn_file_actions_destroy(&actions);

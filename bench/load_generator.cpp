@@ -20,13 +20,16 @@
 namespace {
 
 volatile sig_atomic_t stopping = 0;
-void onStop(int) { stopping = 1; }
+void onStop(int) {
+    stopping = 1;
+}
 
 [[noreturn]] void child(bool listening, int extra, int readyFd) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::signal(SIGTERM, SIG_DFL);
     ::signal(SIGINT, SIG_DFL);
-    for (int i = 0; i < extra; ++i) ::open("/dev/null", O_RDONLY);
+    for (int i = 0; i < extra; ++i)
+        ::open("/dev/null", O_RDONLY);
     if (listening) {
         // Alternate address families so the load has both tables.
         static int turn = 0;
@@ -41,7 +44,8 @@ void onStop(int) { stopping = 1; }
     char ok = 1;
     if (::write(readyFd, &ok, 1) != 1) _exit(4);
     ::close(readyFd);
-    for (;;) ::pause();
+    for (;;)
+        ::pause();
 }
 
 }  // namespace
@@ -75,7 +79,8 @@ int main(int argc, char** argv) {
     ::close(ready[1]);
     size_t got = 0;
     char c;
-    while (got < children.size() && ::read(ready[0], &c, 1) == 1) ++got;
+    while (got < children.size() && ::read(ready[0], &c, 1) == 1)
+        ++got;
     std::printf("ready %d processes=%zu\n", static_cast<int>(::getpid()), got);
     std::fflush(stdout);
 
@@ -86,7 +91,9 @@ int main(int argc, char** argv) {
             if (::read(STDIN_FILENO, buf, sizeof buf) <= 0) break;
         }
     }
-    for (pid_t pid : children) ::kill(pid, SIGTERM);
-    for (pid_t pid : children) ::waitpid(pid, nullptr, 0);
+    for (pid_t pid : children)
+        ::kill(pid, SIGTERM);
+    for (pid_t pid : children)
+        ::waitpid(pid, nullptr, 0);
     return got == children.size() ? 0 : 1;
 }

@@ -26,7 +26,8 @@ void PortsSteadyStateScan(benchmark::State& state) {
     Scanner scanner;
     scanner.scan();  // the first scan fills the holder cache
     size_t rows = 0;
-    for (auto _ : state) rows = scanner.scan().size();
+    for (auto _ : state)
+        rows = scanner.scan().size();
     state.counters["rows"] = static_cast<double>(rows);
 }
 BENCHMARK(PortsSteadyStateScan)->Unit(benchmark::kMillisecond);

@@ -11,9 +11,12 @@ namespace nemarro::process {
 
 const char* rawValue(ListeningSocket::AddressClass c) {
     switch (c) {
-        case ListeningSocket::AddressClass::any: return "any";
-        case ListeningSocket::AddressClass::loopback: return "loopback";
-        case ListeningSocket::AddressClass::specific: return "specific";
+        case ListeningSocket::AddressClass::any:
+            return "any";
+        case ListeningSocket::AddressClass::loopback:
+            return "loopback";
+        case ListeningSocket::AddressClass::specific:
+            return "specific";
     }
     return "specific";
 }
@@ -44,7 +47,8 @@ std::string addressText(int32_t family, const uint8_t* bytes) {
 ListenerTable ListeningSockets::index(const std::vector<KernelListener>& table) {
     ListenerTable out;
     out.reserve(table.size());
-    for (const auto& l : table) out.emplace(l.socketID, l);
+    for (const auto& l : table)
+        out.emplace(l.socketID, l);
     return out;
 }
 
@@ -74,8 +78,8 @@ std::vector<ListeningSocket> ListeningSockets::read(int32_t pid, const ListenerT
         auto it = table.find(fd.socketInode);
         if (it == table.end()) continue;
         const auto& l = it->second;
-        out.push_back(ListeningSocket{pid, fd.fd, l.socketID, l.port, l.family, l.addressClass,
-                                      l.address});
+        out.push_back(
+            ListeningSocket{pid, fd.fd, l.socketID, l.port, l.family, l.addressClass, l.address});
     }
     return out;
 }

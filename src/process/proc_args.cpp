@@ -20,14 +20,19 @@ std::string repairUtf8(std::string_view bytes) {
         }
         size_t len = 0;
         uint32_t min = 0;
-        if ((c & 0xE0) == 0xC0) len = 2, min = 0x80;
-        else if ((c & 0xF0) == 0xE0) len = 3, min = 0x800;
-        else if ((c & 0xF8) == 0xF0) len = 4, min = 0x10000;
+        if ((c & 0xE0) == 0xC0)
+            len = 2, min = 0x80;
+        else if ((c & 0xF0) == 0xE0)
+            len = 3, min = 0x800;
+        else if ((c & 0xF8) == 0xF0)
+            len = 4, min = 0x10000;
         bool valid = len != 0 && i + len <= n;
         uint32_t cp = len ? (c & (0xFF >> (len + 1))) : 0;
         for (size_t k = 1; valid && k < len; ++k) {
-            if ((s[i + k] & 0xC0) != 0x80) valid = false;
-            else cp = (cp << 6) | (s[i + k] & 0x3F);
+            if ((s[i + k] & 0xC0) != 0x80)
+                valid = false;
+            else
+                cp = (cp << 6) | (s[i + k] & 0x3F);
         }
         // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
         if (valid && (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))) valid = false;
@@ -51,13 +56,16 @@ std::optional<std::vector<std::string>> parseProcArgs(std::span<const std::byte>
     const char* data = reinterpret_cast<const char*>(buffer.data());
     const size_t n = buffer.size();
     size_t pos = 4;
-    while (pos < n && data[pos] != '\0') ++pos;  // executable path
+    while (pos < n && data[pos] != '\0')
+        ++pos;  // executable path
     if (pos >= n) return args;
-    while (pos < n && data[pos] == '\0') ++pos;  // padding
+    while (pos < n && data[pos] == '\0')
+        ++pos;  // padding
     if (pos >= n) return args;
     while (pos < n && args.size() < static_cast<size_t>(argc)) {
         size_t end = pos;
-        while (end < n && data[end] != '\0') ++end;
+        while (end < n && data[end] != '\0')
+            ++end;
         args.push_back(repairUtf8(std::string_view(data + pos, end - pos)));
         pos = end + 1;
     }

@@ -37,8 +37,15 @@ ProcessSampler::Result ProcessSampler::sample() {
             continue;
         }
         Counters counters{raw->usage.cpuTicks, raw->usage.diskRead, raw->usage.diskWritten};
-        ProcessUsage usage{*identity, raw->ppid, raw->uid, std::move(raw->name),
-                           std::move(raw->path), raw->usage.footprint, {}, {}, {}};
+        ProcessUsage usage{*identity,
+                           raw->ppid,
+                           raw->uid,
+                           std::move(raw->name),
+                           std::move(raw->path),
+                           raw->usage.footprint,
+                           {},
+                           {},
+                           {}};
         if (rates) {
             auto prev = previous_.find(*identity);
             if (prev != previous_.end()) {
@@ -58,8 +65,8 @@ ProcessSampler::Result ProcessSampler::sample() {
                             static_cast<double>(*counters.diskRead - *p.diskRead) / elapsed * 1e9;
                     if (counters.diskWritten && p.diskWritten)
                         usage.diskWritePerSecond =
-                            static_cast<double>(*counters.diskWritten - *p.diskWritten) /
-                            elapsed * 1e9;
+                            static_cast<double>(*counters.diskWritten - *p.diskWritten) / elapsed *
+                            1e9;
                 }
             }
         }

@@ -42,7 +42,7 @@ struct RawUsage {
 
 /// The sampler's access to the machine.
 class ProcessSource {
-public:
+  public:
     virtual ~ProcessSource() = default;
     virtual std::vector<int32_t> allPIDs() = 0;
     virtual std::optional<ProcessIdentity> identity(int32_t pid) = 0;
@@ -52,19 +52,19 @@ public:
 /// ProcessSource over ProcessReader. The sampler asks for a pid's identity
 /// and then its usage; both come from one read, kept until the usage call.
 class LiveProcessSource final : public ProcessSource {
-public:
+  public:
     std::vector<int32_t> allPIDs() override;
     std::optional<ProcessIdentity> identity(int32_t pid) override;
     std::optional<RawUsage> usage(int32_t pid) override;
 
-private:
+  private:
     int32_t lastPid_ = 0;
     std::optional<ProcessFacts> last_;
 };
 
 /// Turns two successive readings of every process into CPU and disk rates.
 class ProcessSampler {
-public:
+  public:
     /// `now` returns nanoseconds on a monotonic scale.
     ProcessSampler(std::unique_ptr<ProcessSource> source, TickClock clock,
                    std::function<uint64_t()> now);
@@ -81,7 +81,7 @@ public:
     /// The monotonic clock in nanoseconds, for `now`.
     static uint64_t monotonicNow();
 
-private:
+  private:
     struct Counters {
         uint64_t cpuTicks = 0;
         std::optional<uint64_t> diskRead;

@@ -58,7 +58,9 @@ TEST(ParseProcFiles, StatusStatmIoAndBootTime) {
 
 TEST(ParseCmdline, SplitsAtNulAndRepairsUtf8) {
     using V = std::vector<std::string>;
-    EXPECT_EQ(parseCmdline(std::string_view("node\0server.js\0--port\0" "3000\0", 26)),
+    EXPECT_EQ(parseCmdline(std::string_view("node\0server.js\0--port\0"
+                                            "3000\0",
+                                            26)),
               (V{"node", "server.js", "--port", "3000"}));
     EXPECT_EQ(parseCmdline(std::string_view("a\0\0b\0", 5)), (V{"a", "", "b"}));
     EXPECT_EQ(parseCmdline("renamed by setproctitle"), (V{"renamed by setproctitle"}));
@@ -84,8 +86,7 @@ TEST(FullName, LongNamesComeFromTheExecutableOrArgv0WhenTheKernelCutThem) {
     const std::string cut = "very-long-progr";  // 15 bytes: the kernel's limit
     EXPECT_EQ(fullName(cut, "/opt/bin/very-long-program-name", std::nullopt),
               "very-long-program-name");
-    EXPECT_EQ(fullName(cut, "/usr/bin/node", "/home/u/very-long-program-x"),
-              "very-long-program-x");
+    EXPECT_EQ(fullName(cut, "/usr/bin/node", "/home/u/very-long-program-x"), "very-long-program-x");
     EXPECT_EQ(fullName(cut, "/usr/bin/node", "node"), cut);
     EXPECT_EQ(fullName("short", "/bin/shorter-name", std::nullopt), "short");
 }

@@ -63,16 +63,20 @@ TEST(ParseProcArgs, CraftedBuffers) {
         {"argc larger than strings", procArgs(5, "/bin/x\0x\0y"sv), V{"x", "y"}},
         {"argv[0] differs from path", procArgs(1, "/usr/bin/python3\0\0-zsh\0"sv), V{"-zsh"}},
     };
-    for (const auto& c : cases) EXPECT_EQ(parseProcArgs(c.buffer), c.expected) << c.what;
+    for (const auto& c : cases)
+        EXPECT_EQ(parseProcArgs(c.buffer), c.expected) << c.what;
 }
 
 TEST(RepairUtf8, ReplacesInvalidBytesAndKeepsValidText) {
     EXPECT_EQ(repairUtf8("plain"), "plain");
     EXPECT_EQ(repairUtf8("caf\xC3\xA9"), "caf\xC3\xA9");
     EXPECT_EQ(repairUtf8("\xF0\x9F\x90\xB3"), "\xF0\x9F\x90\xB3");
-    EXPECT_EQ(repairUtf8("a\xFF" "b"), "a\xEF\xBF\xBD" "b");
-    EXPECT_EQ(repairUtf8("\xC3"), "\xEF\xBF\xBD");                      // truncated
-    EXPECT_EQ(repairUtf8("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");      // overlong
+    EXPECT_EQ(repairUtf8("a\xFF"
+                         "b"),
+              "a\xEF\xBF\xBD"
+              "b");
+    EXPECT_EQ(repairUtf8("\xC3"), "\xEF\xBF\xBD");                                  // truncated
+    EXPECT_EQ(repairUtf8("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");                  // overlong
     EXPECT_EQ(repairUtf8("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");  // surrogate
 }
 
@@ -112,7 +116,7 @@ TEST(AddressClass, EveryCaseOfBothFamilies) {
 
 /// A process table the test edits between samples.
 class FakeSource final : public ProcessSource {
-public:
+  public:
     struct Entry {
         uint64_t start = 1;
         RawUsage raw;
@@ -122,7 +126,8 @@ public:
     explicit FakeSource(std::map<int32_t, Entry>* t) : table(t) {}
     std::vector<int32_t> allPIDs() override {
         std::vector<int32_t> pids;
-        for (const auto& [pid, e] : *table) pids.push_back(pid);
+        for (const auto& [pid, e] : *table)
+            pids.push_back(pid);
         return pids;
     }
     std::optional<ProcessIdentity> identity(int32_t pid) override {
@@ -138,7 +143,7 @@ public:
 };
 
 class SamplerTest : public ::testing::Test {
-protected:
+  protected:
     std::map<int32_t, FakeSource::Entry> table;
     uint64_t now = 1'000'000'000;
     // 100 ticks per second: one tick is 10 ms.
@@ -171,8 +176,8 @@ TEST_F(SamplerTest, FirstSampleHasFootprintsButNoRates) {
 TEST_F(SamplerTest, RatesOverTheElapsedTime) {
     set(10, 100, 0, 0);
     sampler.sample();
-    now += 2'000'000'000;          // 2 s later
-    set(10, 200, 4000, 1000);      // 1 s of CPU, 4000 bytes read, 1000 written
+    now += 2'000'000'000;      // 2 s later
+    set(10, 200, 4000, 1000);  // 1 s of CPU, 4000 bytes read, 1000 written
     auto r = sampler.sample();
     const auto* p = find(r, 10);
     ASSERT_TRUE(p && p->cpuPercent);

@@ -12,7 +12,7 @@ namespace wharfy::testing {
 /// A recorded machine for the port rules: a process table, its sockets and
 /// the machine-wide listeners. Records which pids' facts were read.
 class FakePortEnvironment final : public PortEnvironment {
-public:
+  public:
     struct Process {
         nemarro::process::BSDInfo info;
         std::optional<std::string> path;
@@ -52,7 +52,8 @@ public:
     }
     std::vector<int32_t> allPIDs() override {
         std::vector<int32_t> pids;
-        for (const auto& [pid, p] : processes) pids.push_back(pid);
+        for (const auto& [pid, p] : processes)
+            pids.push_back(pid);
         return pids;
     }
     std::optional<nemarro::process::BSDInfo> process(int32_t pid) override {
@@ -81,7 +82,7 @@ public:
 
 /// A CommandRunner that answers from a table and records every call.
 class FakeCommandRunner final : public CommandRunner {
-public:
+  public:
     std::map<std::vector<std::string>, std::string> answers;
     std::vector<std::vector<std::string>> calls;
 

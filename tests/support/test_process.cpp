@@ -18,7 +18,9 @@ extern char** environ;
 
 namespace wharfy::testing {
 
-std::string TestProcess::helperPath() { return WHARFY_TEST_PROCESS; }
+std::string TestProcess::helperPath() {
+    return WHARFY_TEST_PROCESS;
+}
 
 std::optional<TestProcess> TestProcess::start(const std::vector<std::string>& args,
                                               const std::string& executable,
@@ -31,7 +33,8 @@ std::optional<TestProcess> TestProcess::start(const std::vector<std::string>& ar
     if (!workingDirectory.empty())
         posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
     std::vector<char*> argv{const_cast<char*>(executable.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     pid_t pid = -1;
     int rc = ::posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), environ);
@@ -60,15 +63,20 @@ std::optional<TestProcess> TestProcess::start(const std::vector<std::string>& ar
     if (word != "ready") return std::nullopt;  // the destructor reaps it
     bool inPids = false;
     while (in >> word) {
-        if (word == "pids") inPids = true;
-        else if (inPids) p.children_.push_back(std::atoi(word.c_str()));
-        else p.ports_.push_back(std::atoi(word.c_str()));
+        if (word == "pids")
+            inPids = true;
+        else if (inPids)
+            p.children_.push_back(std::atoi(word.c_str()));
+        else
+            p.ports_.push_back(std::atoi(word.c_str()));
     }
     return p;
 }
 
 TestProcess::TestProcess(TestProcess&& other) noexcept
-    : pid_(other.pid_), reaped_(other.reaped_), ports_(std::move(other.ports_)),
+    : pid_(other.pid_),
+      reaped_(other.reaped_),
+      ports_(std::move(other.ports_)),
       children_(std::move(other.children_)) {
     other.pid_ = -1;
 }
@@ -106,7 +114,8 @@ TempDir::~TempDir() {
 bool copyExecutable(const std::string& from, const std::string& to) {
     std::error_code ec;
     std::filesystem::create_directories(std::filesystem::path(to).parent_path(), ec);
-    if (!std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, ec))
+    if (!std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing,
+                                    ec))
         return false;
     return ::chmod(to.c_str(), 0755) == 0;
 }

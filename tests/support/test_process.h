@@ -11,7 +11,7 @@ namespace wharfy::testing {
 /// A running copy of the test helper program (tests/support/test_process_main.cpp).
 /// Killed and reaped when the handle goes away.
 class TestProcess {
-public:
+  public:
     /// Starts the helper with `args` and waits for its "ready" line.
     /// `executable` defaults to the helper itself; pass a copy to run it
     /// under another name or path.
@@ -34,7 +34,7 @@ public:
     /// Path of the helper program.
     static std::string helperPath();
 
-private:
+  private:
     TestProcess() = default;
     pid_t pid_ = -1;
     bool reaped_ = false;
@@ -44,14 +44,14 @@ private:
 
 /// A temporary folder removed with its contents when the handle goes away.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };
 

@@ -15,7 +15,7 @@ struct Ok {
 /// operation in Wharfy returns one of these; nothing throws.
 template <typename T, typename E>
 class Result {
-public:
+  public:
     Result(T value) : v_(std::in_place_index<0>, std::move(value)) {}  // NOLINT: implicit by design
     Result(E error) : v_(std::in_place_index<1>, std::move(error)) {}  // NOLINT
 
@@ -29,7 +29,7 @@ public:
 
     bool operator==(const Result&) const = default;
 
-private:
+  private:
     static_assert(!std::is_same_v<T, E>, "value and error types must differ");
     std::variant<T, E> v_;
 };

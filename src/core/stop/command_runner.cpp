@@ -33,7 +33,7 @@ struct ChildRun {
 };
 
 class Pipe {
-public:
+  public:
     Pipe() {
         if (::pipe2(fds_, O_CLOEXEC) != 0) fds_[0] = fds_[1] = -1;
     }
@@ -49,7 +49,7 @@ public:
     void closeRead() { closeFd(fds_[0]); }
     void closeWrite() { closeFd(fds_[1]); }
 
-private:
+  private:
     static void closeFd(int& fd) {
         if (fd >= 0) ::close(fd);
         fd = -1;
@@ -108,19 +108,22 @@ ChildRun runChild(const std::string& executable, const std::vector<std::string>&
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &all);
     posix_spawnattr_setpgroup(&attr, 0);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                        POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(
+        &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(executable.c_str()));
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& a : arguments)
+        argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     std::vector<std::string> envStrings;
     std::vector<char*> envp;
     if (environment) {
-        for (const auto& [k, v] : *environment) envStrings.push_back(k + "=" + v);
-        for (auto& s : envStrings) envp.push_back(s.data());
+        for (const auto& [k, v] : *environment)
+            envStrings.push_back(k + "=" + v);
+        for (auto& s : envStrings)
+            envp.push_back(s.data());
         envp.push_back(nullptr);
     }
 

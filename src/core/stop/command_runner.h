@@ -9,7 +9,7 @@ namespace wharfy {
 
 /// Runs a read-only tool and returns its standard output.
 class CommandRunner {
-public:
+  public:
     virtual ~CommandRunner() = default;
     /// Standard output of a zero exit; absent for any failure.
     virtual std::optional<std::string> run(const std::string& executable,
@@ -27,7 +27,7 @@ struct ProcessResult {
 
 /// Runs a program that acts, with exactly the environment given.
 class ActionProcessRunner {
-public:
+  public:
     virtual ~ActionProcessRunner() = default;
     virtual ProcessResult run(const std::string& executable,
                               const std::vector<std::string>& arguments,
@@ -37,26 +37,26 @@ public:
 /// CommandRunner over a real child process: absolute path, argument list,
 /// never a shell; standard error discarded; SIGTERM at the time limit.
 class SystemCommandRunner final : public CommandRunner {
-public:
+  public:
     explicit SystemCommandRunner(double timeoutSeconds = 10.0) : timeoutSeconds_(timeoutSeconds) {}
     std::optional<std::string> run(const std::string& executable,
                                    const std::vector<std::string>& arguments) override;
 
-private:
+  private:
     double timeoutSeconds_;
 };
 
 /// ActionProcessRunner over a real child process. A program that cannot be
 /// launched reports status 127 and the launch error's text.
 class SystemActionRunner final : public ActionProcessRunner {
-public:
+  public:
     explicit SystemActionRunner(double timeoutSeconds = 120.0) : timeoutSeconds_(timeoutSeconds) {}
     ProcessResult run(const std::string& executable, const std::vector<std::string>& arguments,
                       const std::map<std::string, std::string>& environment) override;
 
     static constexpr int kLaunchFailureStatus = 127;
 
-private:
+  private:
     double timeoutSeconds_;
 };
 

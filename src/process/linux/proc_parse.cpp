@@ -23,16 +23,20 @@ std::optional<T> number(std::string_view s, int base = 10) {
     return value;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\n';
+}
 
 /// Splits at runs of blanks.
 std::vector<std::string_view> fields(std::string_view s) {
     std::vector<std::string_view> out;
     size_t i = 0;
     while (i < s.size()) {
-        while (i < s.size() && isBlank(s[i])) ++i;
+        while (i < s.size() && isBlank(s[i]))
+            ++i;
         size_t start = i;
-        while (i < s.size() && !isBlank(s[i])) ++i;
+        while (i < s.size() && !isBlank(s[i]))
+            ++i;
         if (i > start) out.push_back(s.substr(start, i - start));
     }
     return out;
@@ -158,9 +162,8 @@ std::vector<KernelListener> parseProcNetTcp(std::string_view text, int32_t famil
     size_t pos = text.find('\n');  // skip the header
     while (pos != std::string_view::npos && pos < text.size()) {
         size_t end = text.find('\n', pos + 1);
-        std::string_view line =
-            text.substr(pos + 1, end == std::string_view::npos ? std::string_view::npos
-                                                               : end - pos - 1);
+        std::string_view line = text.substr(
+            pos + 1, end == std::string_view::npos ? std::string_view::npos : end - pos - 1);
         pos = end;
         auto f = fields(line);
         // sl local rem st tx:rx tr:when retrnsmt uid timeout inode
@@ -174,8 +177,10 @@ std::vector<KernelListener> parseProcNetTcp(std::string_view text, int32_t famil
         bool ok = true;
         for (size_t w = 0; w < words && ok; ++w) {
             auto word = number<uint32_t>(local.substr(w * 8, 8), 16);
-            if (!word) ok = false;
-            else std::memcpy(bytes + w * 4, &*word, 4);
+            if (!word)
+                ok = false;
+            else
+                std::memcpy(bytes + w * 4, &*word, 4);
         }
         auto port = number<uint16_t>(local.substr(colon + 1), 16);
         auto uid = number<uint32_t>(f[7]);

@@ -49,12 +49,16 @@ std::optional<uint32_t> effectiveUid(int32_t pid) {
 
 uint32_t statusOf(char state) {
     switch (state) {
-        case 'R': return 2;
+        case 'R':
+            return 2;
         case 'T':
-        case 't': return 4;
+        case 't':
+            return 4;
         case 'Z':
-        case 'X': return BSDInfo::kZombie;
-        default: return 3;
+        case 'X':
+            return BSDInfo::kZombie;
+        default:
+            return 3;
     }
 }
 
@@ -151,7 +155,8 @@ std::optional<Usage> usageFrom(int32_t pid, const StatFields& stat) {
     if (!statm) return std::nullopt;
     static const uint64_t pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
     Usage u;
-    u.footprint = (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
+    u.footprint =
+        (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
     u.cpuTicks = stat.utime + stat.stime;
     if (auto ioText = readSmall(PidPath(pid, "io").text, buf, sizeof buf)) {
         if (auto io = parseIo(*ioText)) {
@@ -257,7 +262,9 @@ std::optional<uint64_t> ProcessReader::socketInode(int32_t pid, int32_t fd) {
     return parseSocketLink(std::string_view(link, static_cast<size_t>(n)));
 }
 
-std::vector<int32_t> LiveProcessSource::allPIDs() { return ProcessReader::allPIDs(); }
+std::vector<int32_t> LiveProcessSource::allPIDs() {
+    return ProcessReader::allPIDs();
+}
 
 std::optional<ProcessIdentity> LiveProcessSource::identity(int32_t pid) {
     lastPid_ = pid;
@@ -268,8 +275,10 @@ std::optional<ProcessIdentity> LiveProcessSource::identity(int32_t pid) {
 
 std::optional<RawUsage> LiveProcessSource::usage(int32_t pid) {
     std::optional<ProcessFacts> facts;
-    if (lastPid_ == pid && last_) facts = std::move(last_);
-    else facts = ProcessReader::facts(pid);
+    if (lastPid_ == pid && last_)
+        facts = std::move(last_);
+    else
+        facts = ProcessReader::facts(pid);
     last_.reset();
     if (!facts) return std::nullopt;
     return RawUsage{facts->info.ppid, facts->info.uid, std::move(facts->info.name),

@@ -31,8 +31,7 @@ uint64_t ticksPerSecond() {
     return value;
 }
 
-std::optional<std::string_view> readSmall(const char* relativePath, char* buffer,
-                                          size_t capacity) {
+std::optional<std::string_view> readSmall(const char* relativePath, char* buffer, size_t capacity) {
     int fd = ::openat(procDir(), relativePath, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
     size_t used = 0;

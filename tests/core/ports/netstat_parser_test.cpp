@@ -46,7 +46,8 @@ TEST(NetstatParser, MalformedLinesYieldNothing) {
         "udp4  0  0  *.5353  *.*  LISTEN  0  0  1  1  mDNS:12  00000 00000006",
         "tcp4  0  0  127.0.0.1.80  *.*  CLOSE_WAIT  0  0  1  1  nginx:12  00000 00000006",
     };
-    for (const char* line : bad) EXPECT_FALSE(NetstatParser::parse(line)) << line;
+    for (const char* line : bad)
+        EXPECT_FALSE(NetstatParser::parse(line)) << line;
 }
 
 TEST(NetstatParser, SplitAddressAtTheLastDot) {
@@ -65,14 +66,19 @@ TEST(AddressClassText, ReachabilityOfPrintedAddresses) {
         AddressClass expected;
     };
     const Case cases[] = {
-        {"*", AddressClass::allNetworks},          {"0.0.0.0", AddressClass::allNetworks},
-        {"::", AddressClass::allNetworks},         {"::1", AddressClass::thisMacOnly},
-        {"127.0.0.1", AddressClass::thisMacOnly},  {"127.1.2.3", AddressClass::thisMacOnly},
-        {"192.168.1.4", AddressClass::oneNetwork}, {"fe80::1%lo0", AddressClass::oneNetwork},
+        {"*", AddressClass::allNetworks},
+        {"0.0.0.0", AddressClass::allNetworks},
+        {"::", AddressClass::allNetworks},
+        {"::1", AddressClass::thisMacOnly},
+        {"127.0.0.1", AddressClass::thisMacOnly},
+        {"127.1.2.3", AddressClass::thisMacOnly},
+        {"192.168.1.4", AddressClass::oneNetwork},
+        {"fe80::1%lo0", AddressClass::oneNetwork},
         // Only the per-process reading recognises mapped loopback.
         {"::ffff:127.0.0.1", AddressClass::oneNetwork},
     };
-    for (const auto& c : cases) EXPECT_EQ(addressClass(c.address), c.expected) << c.address;
+    for (const auto& c : cases)
+        EXPECT_EQ(addressClass(c.address), c.expected) << c.address;
     EXPECT_LT(AddressClass::thisMacOnly, AddressClass::oneNetwork);
     EXPECT_LT(AddressClass::oneNetwork, AddressClass::allNetworks);
 }

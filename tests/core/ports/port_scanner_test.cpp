@@ -16,7 +16,7 @@ using R = ListenerRole;
 using testing::FakePortEnvironment;
 
 class PortScannerTest : public ::testing::Test {
-protected:
+  protected:
     FakePortEnvironment env;
     std::set<std::string> gitFolders;
     ListenerClassifier classifier{
@@ -65,7 +65,8 @@ TEST_F(PortScannerTest, OneProcessOnBothLoopbacksIsOneRowWithItsFacts) {
 }
 
 TEST_F(PortScannerTest, WorkersSharingASocketAreRowsSortedByPortThenPid) {
-    for (int32_t pid : {402, 401, 400}) env.add(pid, 1, "nginx", 501, "/opt/nginx");
+    for (int32_t pid : {402, 401, 400})
+        env.add(pid, 1, "nginx", 501, "/opt/nginx");
     env.listen(402, 8080, "0.0.0.0", C::any, 77);
     env.listen(401, 8080, "0.0.0.0", C::any, 77);
     env.listen(400, 8080, "0.0.0.0", C::any, 77);
@@ -92,10 +93,8 @@ TEST_F(PortScannerTest, OtherOwnersComeFromTheMachineWideTable) {
     env.add(300, 1, "node", 501, "/usr/local/bin/node");
     env.listen(300, 3000, "127.0.0.1", C::loopback);
     env.netstat = {{300, "node", "127.0.0.1", 3000},  // covered by the process's own row
-                   {88, "postgres", "127.0.0.1", 5432},
-                   {88, "postgres", "*", 5432},
-                   {88, "postgres", "127.0.0.1", 5432},
-                   {0, "(root)", "::1", 25},
+                   {88, "postgres", "127.0.0.1", 5432}, {88, "postgres", "*", 5432},
+                   {88, "postgres", "127.0.0.1", 5432}, {0, "(root)", "::1", 25},
                    {0, "(mail)", "127.0.0.2", 25}};
     auto rows = scan();
     ASSERT_EQ(rows.size(), 4u);
@@ -108,8 +107,8 @@ TEST_F(PortScannerTest, OtherOwnersComeFromTheMachineWideTable) {
     EXPECT_EQ(pg.addressClass, AddressClass::allNetworks);
     EXPECT_EQ(pg.role, (R{R::OtherUser{}}));
     EXPECT_FALSE(pg.isOwnedByUser);
-    EXPECT_FALSE(pg.startTime || pg.footprint || pg.cpuPercent || pg.project ||
-                 pg.executablePath || pg.commandLine);
+    EXPECT_FALSE(pg.startTime || pg.footprint || pg.cpuPercent || pg.project || pg.executablePath ||
+                 pg.commandLine);
     EXPECT_EQ(pg.id(), "88@0:5432");
 }
 
@@ -119,9 +118,9 @@ TEST_F(PortScannerTest, ServiceAncestorsClaimPlainProcessesUnlessAShellStartedTh
     env.add(200, 100, "sh", 501, "/bin/sh").arguments = {{"sh", "-c", "node server.js"}};
     env.add(300, 200, "node", 501, "/opt/node");
     env.listen(300, 3000, "127.0.0.1", C::loopback);
-    EXPECT_EQ(roleOf(300), (R{R::BackgroundService{
-                               "com.example.dev", "launchctl bootout gui/501/com.example.dev",
-                               std::nullopt}}));
+    EXPECT_EQ(roleOf(300),
+              (R{R::BackgroundService{"com.example.dev",
+                                      "launchctl bootout gui/501/com.example.dev", std::nullopt}}));
 
     // The same job above an interactive login shell: node stays the user's own.
     env.processes[200].info.name = "-zsh";
@@ -155,7 +154,8 @@ TEST_F(PortScannerTest, AncestorWalkStopsAfterEightLevelsAndNeverReadsPidOne) {
     env.processes[991].label.reset();
     env.processReads.clear();
     scan();
-    for (int32_t read : env.processReads) EXPECT_NE(read, 1) << "pid 1 was read";
+    for (int32_t read : env.processReads)
+        EXPECT_NE(read, 1) << "pid 1 was read";
 }
 
 TEST_F(PortScannerTest, AppProcessesAreTheAppsOnlyWhenTheAppStartedThem) {

@@ -47,7 +47,8 @@ TEST(LaunchdJobs, NoOutputGivesNoLabelsAndLookupsAreRememberedPerScan) {
 TEST(LaunchdLabels, StopCommandsAppNamesAndKeepAlive) {
     LaunchdLabels l;
     EXPECT_EQ(l.stopCommand("homebrew.mxcl.redis", 501), "brew services stop redis");
-    EXPECT_EQ(l.stopCommand("com.example.agent", 501), "launchctl bootout gui/501/com.example.agent");
+    EXPECT_EQ(l.stopCommand("com.example.agent", 501),
+              "launchctl bootout gui/501/com.example.agent");
     EXPECT_EQ(l.appName("application.com.example.Tool.12345.67890", "proc"), "Tool");
     EXPECT_EQ(l.appName("application.123.456", "proc"), "proc");
     EXPECT_TRUE(l.isAppJob("application.x"));
@@ -72,8 +73,7 @@ TEST(SystemdLabels, UnitOfAProcessFromItsCgroup) {
     };
     const Case cases[] = {
         {"0::/system.slice/nginx.service\n", "system/nginx.service"},
-        {"0::/system.slice/system-getty.slice/getty@tty1.service\n",
-         "system/getty@tty1.service"},
+        {"0::/system.slice/system-getty.slice/getty@tty1.service\n", "system/getty@tty1.service"},
         {"0::/system.slice/containerd.service/payload\n", "system/containerd.service"},
         {"0::/user.slice/user-1000.slice/user@1000.service/app.slice/redis.service\n",
          "user/redis.service"},
@@ -133,10 +133,10 @@ TEST(SystemdLabels, StopCommandsAndKeepsAliveThroughSystemctl) {
     auto key = [](std::vector<std::string> v) { return v; };
     runner.answers[key({"/usr/bin/systemctl", "--user", "show", "--property=Restart", "--value",
                         "a.service"})] = "on-failure\n";
-    runner.answers[key({"/usr/bin/systemctl", "show", "--property=Restart", "--value",
-                        "b.service"})] = "no\n";
-    runner.answers[key({"/usr/bin/systemctl", "show", "--property=Restart", "--value",
-                        "c.service"})] = "\n";
+    runner.answers[key(
+        {"/usr/bin/systemctl", "show", "--property=Restart", "--value", "b.service"})] = "no\n";
+    runner.answers[key(
+        {"/usr/bin/systemctl", "show", "--property=Restart", "--value", "c.service"})] = "\n";
     EXPECT_EQ(l.keepsAlive("user/a.service", 1000, runner), true);
     EXPECT_EQ(l.keepsAlive("system/b.service", 1000, runner), false);
     EXPECT_EQ(l.keepsAlive("system/c.service", 1000, runner), std::nullopt);

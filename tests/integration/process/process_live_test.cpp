@@ -29,9 +29,9 @@ std::vector<ListeningSocket> socketsOf(int32_t pid) {
 }
 
 TEST(LiveSockets, EveryAddressKindAppearsWithPortAddressAndClass) {
-    auto p = TestProcess::start({"--listen", "127.0.0.1:0", "--listen", "0.0.0.0:0", "--listen",
-                                 "[::]:0", "--listen", "[::1]:0", "--listen",
-                                 "[::ffff:127.0.0.1]:0"});
+    auto p =
+        TestProcess::start({"--listen", "127.0.0.1:0", "--listen", "0.0.0.0:0", "--listen",
+                            "[::]:0", "--listen", "[::1]:0", "--listen", "[::ffff:127.0.0.1]:0"});
     ASSERT_TRUE(p) << "helper did not start";
     struct Want {
         const char* address;
@@ -85,7 +85,8 @@ TEST(LiveSockets, UdpAndConnectedTcpSocketsNeverAppear) {
     ASSERT_TRUE(fds);
     EXPECT_GE(std::count_if(fds->begin(), fds->end(),
                             [](auto& d) { return d.type == FileDescriptor::kSocket; }),
-              3) << "the helper should hold a UDP socket and a connected pair";
+              3)
+        << "the helper should hold a UDP socket and a connected pair";
     EXPECT_TRUE(ListeningSockets::read(p->pid()).empty());
 }
 
@@ -103,7 +104,8 @@ TEST(LiveProcess, ReadsOfARunningHelper) {
     EXPECT_EQ(ProcessReader::currentDirectory(p->pid()), dir.path());
     auto args = ProcessReader::arguments(p->pid());
     ASSERT_TRUE(args);
-    EXPECT_EQ(*args, (std::vector<std::string>{TestProcess::helperPath(), "--name", "wharfy-live"}));
+    EXPECT_EQ(*args,
+              (std::vector<std::string>{TestProcess::helperPath(), "--name", "wharfy-live"}));
     std::vector<char> buffer;
     EXPECT_EQ(ProcessReader::arguments(p->pid(), buffer), args);
     EXPECT_GE(buffer.size(), ProcessReader::argumentsBufferSize());
@@ -115,10 +117,10 @@ TEST(LiveProcess, ReadsOfARunningHelper) {
     auto again = ProcessIdentity::current(p->pid());
     ASSERT_TRUE(again);
     EXPECT_EQ(again->startTime, info->startTime);
-    const auto nowMicros = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(
-            std::chrono::system_clock::now().time_since_epoch())
-            .count());
+    const auto nowMicros =
+        static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                  std::chrono::system_clock::now().time_since_epoch())
+                                  .count());
     EXPECT_LT(nowMicros - info->startTime, 120'000'000u) << "start time not near now";
 }
 
