@@ -210,7 +210,8 @@ TEST_F(SamplerTest, HiddenDiskCountersGiveAbsentDiskRatesButCpuStill) {
     sampler.sample();
     now += 1'000'000'000;
     set(10, 150, std::nullopt, std::nullopt);
-    const auto* p = find(sampler.sample(), 10);
+    const auto second = sampler.sample();
+    const auto* p = find(second, 10);
     ASSERT_TRUE(p);
     EXPECT_DOUBLE_EQ(p->cpuPercent.value_or(-1), 50.0);
     EXPECT_FALSE(p->diskReadPerSecond);
