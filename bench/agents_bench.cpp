@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/agents/agent_session.h"
+#include "load.h"
 #include "process/process_reader.h"
 #include "process/process_sampler.h"
 
@@ -35,40 +36,20 @@ class FakeAgent {
         const fs::path exe = fs::path(home_) / ".local/share/claude/versions/9.9.9";
         std::error_code ec;
         fs::create_directories(exe.parent_path(), ec);
-        if (!fs::copy_file(WHARFY_LOAD_PATH, exe, ec)) return;
-        int in[2], out[2];
-        if (::pipe(in) != 0 || ::pipe(out) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, in[1]);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        std::string path = exe.string(), n = "49", zero = "0";
-        std::vector<char*> argv{path.data(), n.data(), zero.data(), zero.data(), nullptr};
-        if (::posix_spawn(&pid_, path.c_str(), &actions, nullptr, argv.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        stdin_ = in[1];
-        char line[64];
-        if (::read(out[0], line, sizeof line) <= 0) pid_ = -1;
-        ::close(out[0]);
+        if (!fs::copy_file(wharfy::bench::loadGeneratorPath(), exe, ec)) return;
+        load_ = wharfy::bench::LoadGenerator::start(exe.string(), 49, 0, 0);
     }
     ~FakeAgent() {
-        if (stdin_ >= 0) ::close(stdin_);
-        if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
+        load_.reset();
         std::error_code ec;
         if (!home_.empty()) fs::remove_all(home_, ec);
     }
-    bool running() const { return pid_ > 0; }
+    bool running() const { return load_ != nullptr; }
     const std::string& home() const { return home_; }
 
   private:
     std::string home_;
-    pid_t pid_ = -1;
-    int stdin_ = -1;
+    std::unique_ptr<wharfy::bench::LoadGenerator> load_;
 };
 
 FakeAgent& fakeAgent() {

@@ -15,14 +15,10 @@ extern char** environ;
 namespace wharfy::bench {
 namespace {
 
-pid_t loadPid = -1;
-int loadStdin = -1;
+std::unique_ptr<LoadGenerator> environmentLoad;
 
-void stopLoad() {
-    if (loadPid <= 0) return;
-    ::close(loadStdin);  // end of stdin stops the generator and its children
-    ::waitpid(loadPid, nullptr, 0);
-    loadPid = -1;
+void stopEnvironmentLoad() {
+    environmentLoad.reset();
 }
 
 }  // namespace
@@ -49,46 +45,67 @@ std::string wharfyPath() {
     return WHARFY_EXE_PATH;
 }
 
-void startLoadFromEnvironment() {
-    const char* request = std::getenv("WHARFY_BENCH_LOAD");
-    if (!request) return;
-    std::string s = request;
-    for (char& c : s)
-        if (c == ':') c = ' ';
-    std::vector<std::string> parts;
-    size_t pos = 0;
-    while (pos < s.size()) {
-        size_t end = s.find(' ', pos);
-        if (end == std::string::npos) end = s.size();
-        parts.push_back(s.substr(pos, end - pos));
-        pos = end + 1;
-    }
-    if (parts.size() != 3) {
-        std::fprintf(stderr, "WHARFY_BENCH_LOAD must be N:L:F\n");
-        std::exit(2);
-    }
+std::string loadGeneratorPath() {
+    return WHARFY_LOAD_PATH;
+}
+
+std::unique_ptr<LoadGenerator> LoadGenerator::start(const std::string& executable, int processes,
+                                                    int listeners, int extraDescriptors) {
     int in[2], out[2];
-    if (::pipe(in) != 0 || ::pipe(out) != 0) std::exit(2);
+    if (::pipe(in) != 0) return nullptr;
+    if (::pipe(out) != 0) {
+        ::close(in[0]);
+        ::close(in[1]);
+        return nullptr;
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, in[1]);
     posix_spawn_file_actions_addclose(&actions, out[0]);
-    std::string path = WHARFY_LOAD_PATH;
-    std::vector<char*> argv{path.data(), parts[0].data(), parts[1].data(), parts[2].data(),
-                            nullptr};
-    if (::posix_spawn(&loadPid, path.c_str(), &actions, nullptr, argv.data(), environ) != 0)
-        std::exit(2);
+    std::string path = executable, n = std::to_string(processes), l = std::to_string(listeners),
+                f = std::to_string(extraDescriptors);
+    std::vector<char*> argv{path.data(), n.data(), l.data(), f.data(), nullptr};
+    std::unique_ptr<LoadGenerator> load(new LoadGenerator);
+    int rc = ::posix_spawn(&load->pid_, path.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(in[0]);
     ::close(out[1]);
-    loadStdin = in[1];
-    char line[128] = {};
-    ssize_t n = ::read(out[0], line, sizeof line - 1);
+    load->stdin_ = in[1];
+    if (rc != 0) {
+        load->pid_ = -1;
+        ::close(out[0]);
+        return nullptr;
+    }
+    char line[128];
+    ssize_t got = ::read(out[0], line, sizeof line);
     ::close(out[0]);
-    std::fprintf(stderr, "load (%s): %.*s", request, static_cast<int>(n > 0 ? n : 0), line);
-    std::atexit(stopLoad);
+    if (got <= 0) return nullptr;  // the destructor stops what did start
+    load->readyLine_.assign(line, static_cast<size_t>(got));
+    return load;
+}
+
+LoadGenerator::~LoadGenerator() {
+    if (stdin_ >= 0) ::close(stdin_);  // end of input stops the generator and its children
+    if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
+}
+
+void startLoadFromEnvironment() {
+    const char* request = std::getenv("WHARFY_BENCH_LOAD");
+    if (!request) return;
+    int n = 0, l = 0, f = 0;
+    if (std::sscanf(request, "%d:%d:%d", &n, &l, &f) != 3) {
+        std::fprintf(stderr, "WHARFY_BENCH_LOAD must be N:L:F\n");
+        std::exit(2);
+    }
+    environmentLoad = LoadGenerator::start(loadGeneratorPath(), n, l, f);
+    if (!environmentLoad) {
+        std::fprintf(stderr, "could not start the load generator\n");
+        std::exit(2);
+    }
+    std::fprintf(stderr, "load (%s): %s", request, environmentLoad->readyLine().c_str());
+    std::atexit(stopEnvironmentLoad);
 }
 
 }  // namespace wharfy::bench
