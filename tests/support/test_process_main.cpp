@@ -107,15 +107,24 @@ struct Supervised {
     int go;
 };
 
-Supervised startSupervised(int listenFd, int notifyFd) {
-    int go[2];
-    if (::pipe(go) != 0) die("pipe");
+/// fork(), with the child killed when this process dies (also if it died
+/// before the child could ask). Returns 0 in the child.
+pid_t forkTiedChild() {
     pid_t parent = ::getpid();
     pid_t pid = ::fork();
     if (pid < 0) die("fork");
     if (pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent) _exit(0);
+    }
+    return pid;
+}
+
+Supervised startSupervised(int listenFd, int notifyFd) {
+    int go[2];
+    if (::pipe(go) != 0) die("pipe");
+    pid_t pid = forkTiedChild();
+    if (pid == 0) {
         ::close(go[1]);
         gListen = listenFd;
         gNotify = notifyFd;
@@ -279,12 +288,8 @@ int main(int argc, char** argv) {
         children.push_back(pid);
     }
     if (busyChild) {
-        pid_t parent = ::getpid();
-        pid_t pid = ::fork();
-        if (pid < 0) die("fork");
+        pid_t pid = forkTiedChild();
         if (pid == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (::getppid() != parent) _exit(0);
             volatile unsigned long spin = 0;
             for (;;)
                 spin = spin + 1;
