@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "process/process_reader.h"
+#include "common/text.h"
 
 namespace wharfy::app {
 namespace {
@@ -26,7 +26,7 @@ void appendHex(std::string& out, const char* prefix, unsigned value, const char*
 }  // namespace
 
 std::string terminalSafe(std::string_view text) {
-    const std::string repaired = nemarro::process::repairUtf8(text);
+    const std::string repaired = wharfy::repairUtf8(text);
     std::string out;
     out.reserve(repaired.size());
     const auto* s = reinterpret_cast<const unsigned char*>(repaired.data());

@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace nemarro::process {
 
@@ -21,6 +22,18 @@ struct ProcessIdentity {
 
     /// The identity of whatever process holds `pid` right now; absent when none can be read.
     static std::optional<ProcessIdentity> current(int32_t pid);
+};
+
+/// A process as a stop names it: who it is (pid and start time, so a reused
+/// pid never matches) and what the user was shown.
+struct ProcessRef {
+    ProcessIdentity identity;
+    std::string name;
+    std::optional<std::string> path;
+    /// Empty when the arguments could not be read.
+    std::vector<std::string> commandLine;
+
+    bool operator==(const ProcessRef&) const = default;
 };
 
 /// A file as remembered across refreshes: device and inode of the path itself

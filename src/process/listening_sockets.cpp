@@ -9,18 +9,6 @@
 
 namespace nemarro::process {
 
-const char* rawValue(ListeningSocket::AddressClass c) {
-    switch (c) {
-        case ListeningSocket::AddressClass::any:
-            return "any";
-        case ListeningSocket::AddressClass::loopback:
-            return "loopback";
-        case ListeningSocket::AddressClass::specific:
-            return "specific";
-    }
-    return "specific";
-}
-
 ListeningSocket::AddressClass classifyAddress(int32_t family, const uint8_t* b) {
     using C = ListeningSocket::AddressClass;
     if (family == AF_INET) {

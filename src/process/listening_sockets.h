@@ -27,9 +27,6 @@ struct ListeningSocket {
     bool operator==(const ListeningSocket&) const = default;
 };
 
-/// "any", "loopback" or "specific".
-const char* rawValue(ListeningSocket::AddressClass c);
-
 /// One row of the kernel's machine-wide listening table, whoever holds it.
 struct KernelListener {
     /// Socket inode (Linux) or socket handle; equals ListeningSocket::socketID.

@@ -89,7 +89,4 @@ struct ProcessReader {
 /// buffer that ends before the first argument. The environment is never read.
 std::optional<std::vector<std::string>> parseProcArgs(std::span<const std::byte> buffer);
 
-/// Bytes that are not valid UTF-8 replaced by U+FFFD.
-std::string repairUtf8(std::string_view bytes);
-
 }  // namespace nemarro::process

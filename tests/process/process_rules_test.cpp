@@ -4,6 +4,7 @@
 #include <cstring>
 #include <map>
 
+#include "fake_process_source.h"
 #include "process/identity.h"
 #include "process/listening_sockets.h"
 #include "process/process_reader.h"
@@ -12,6 +13,8 @@
 
 namespace nemarro::process {
 namespace {
+
+using wharfy::testing::FakeProcessSource;
 
 TEST(Identity, TextForms) {
     EXPECT_EQ((ProcessIdentity{812, 1700000000000000}).text(), "812@1700000000000000");
@@ -67,19 +70,6 @@ TEST(ParseProcArgs, CraftedBuffers) {
         EXPECT_EQ(parseProcArgs(c.buffer), c.expected) << c.what;
 }
 
-TEST(RepairUtf8, ReplacesInvalidBytesAndKeepsValidText) {
-    EXPECT_EQ(repairUtf8("plain"), "plain");
-    EXPECT_EQ(repairUtf8("caf\xC3\xA9"), "caf\xC3\xA9");
-    EXPECT_EQ(repairUtf8("\xF0\x9F\x90\xB3"), "\xF0\x9F\x90\xB3");
-    EXPECT_EQ(repairUtf8("a\xFF"
-                         "b"),
-              "a\xEF\xBF\xBD"
-              "b");
-    EXPECT_EQ(repairUtf8("\xC3"), "\xEF\xBF\xBD");                                  // truncated
-    EXPECT_EQ(repairUtf8("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");                  // overlong
-    EXPECT_EQ(repairUtf8("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");  // surrogate
-}
-
 TEST(AddressClass, EveryCaseOfBothFamilies) {
     using C = ListeningSocket::AddressClass;
     struct Case {
@@ -114,40 +104,12 @@ TEST(AddressClass, EveryCaseOfBothFamilies) {
     }
 }
 
-/// A process table the test edits between samples.
-class FakeSource final : public ProcessSource {
-  public:
-    struct Entry {
-        uint64_t start = 1;
-        RawUsage raw;
-        bool hidden = false;
-    };
-    std::map<int32_t, Entry>* table;
-    explicit FakeSource(std::map<int32_t, Entry>* t) : table(t) {}
-    std::vector<int32_t> allPIDs() override {
-        std::vector<int32_t> pids;
-        for (const auto& [pid, e] : *table)
-            pids.push_back(pid);
-        return pids;
-    }
-    std::optional<ProcessIdentity> identity(int32_t pid) override {
-        auto it = table->find(pid);
-        if (it == table->end()) return std::nullopt;
-        return ProcessIdentity{pid, it->second.start};
-    }
-    std::optional<RawUsage> usage(int32_t pid) override {
-        auto it = table->find(pid);
-        if (it == table->end() || it->second.hidden) return std::nullopt;
-        return it->second.raw;
-    }
-};
-
 class SamplerTest : public ::testing::Test {
   protected:
-    std::map<int32_t, FakeSource::Entry> table;
+    std::map<int32_t, FakeProcessSource::Entry> table;
     uint64_t now = 1'000'000'000;
     // 100 ticks per second: one tick is 10 ms.
-    ProcessSampler sampler{std::make_unique<FakeSource>(&table), TickClock{10'000'000, 1},
+    ProcessSampler sampler{std::make_unique<FakeProcessSource>(&table), TickClock{10'000'000, 1},
                            [this] { return now; }};
 
     void set(int32_t pid, uint64_t ticks, std::optional<uint64_t> read = 0,

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 
 namespace wharfy::testing {
 

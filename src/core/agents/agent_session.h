@@ -27,7 +27,7 @@ struct AgentSession {
     std::optional<std::string> managedBy;
     /// Headed by an agent daemon that no agent process runs.
     bool isOrphanDaemon = false;
-    ProcessRef root;
+    nemarro::process::ProcessRef root;
     /// A desktop app's launcher in front of the root.
     std::optional<nemarro::process::ProcessIdentity> wrapper;
     /// From the root's working directory.

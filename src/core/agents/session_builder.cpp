@@ -6,6 +6,8 @@
 namespace wharfy {
 namespace {
 
+using nemarro::process::ProcessRef;
+
 using nemarro::process::ProcessIdentity;
 using nemarro::process::ProcessUsage;
 using Role = AgentMatch::Role;

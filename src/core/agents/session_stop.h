@@ -4,8 +4,8 @@
 #include <string>
 #include <variant>
 
+#include "common/result.h"
 #include "core/agents/agent_session.h"
-#include "core/common/result.h"
 #include "core/stop/stopper.h"
 
 namespace wharfy {

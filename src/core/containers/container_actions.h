@@ -9,9 +9,9 @@
 #include <variant>
 #include <vector>
 
-#include "core/common/result.h"
+#include "common/result.h"
 #include "core/containers/engine_client.h"
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 
 namespace wharfy {
 

@@ -6,7 +6,7 @@
 #include <variant>
 #include <vector>
 
-#include "core/common/result.h"
+#include "common/result.h"
 #include "core/containers/engine_records.h"
 #include "core/containers/http.h"
 

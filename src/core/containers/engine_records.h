@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/common/result.h"
+#include "common/result.h"
 
 namespace wharfy {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/common/result.h"
+#include "common/result.h"
 
 namespace wharfy {
 

@@ -73,16 +73,6 @@ struct RuntimeInfo {
 /// Shown when detection found nothing.
 inline constexpr const char* kNoRuntimeFoundText = "No container runtime found";
 
-/// One runtime as the export shows it.
-struct RuntimeSummary {
-    std::string name;
-    std::vector<ContainerInfo> containers;
-    /// Bytes its disk images occupy on this computer.
-    std::optional<uint64_t> macDiskBytes;
-
-    bool operator==(const RuntimeSummary&) const = default;
-};
-
 /// The file-system and socket probes the detector needs.
 class DetectorFileSystem {
   public:

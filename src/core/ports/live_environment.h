@@ -7,7 +7,7 @@
 
 #include "core/ports/classifier.h"
 #include "core/ports/port_environment.h"
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 
 namespace wharfy {
 

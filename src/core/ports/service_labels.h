@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 
 namespace wharfy {
 

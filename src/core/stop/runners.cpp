@@ -7,6 +7,8 @@
 
 namespace wharfy {
 
+using nemarro::process::ProcessRef;
+
 namespace {
 
 std::string lastComponent(std::string_view path) {

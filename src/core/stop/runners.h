@@ -35,7 +35,7 @@ struct Runners {
 
     /// Whether `ref` is a runner: by name or executable name, else by a runner
     /// script or a word pair on its command line.
-    static bool isRunner(const ProcessRef& ref);
+    static bool isRunner(const nemarro::process::ProcessRef& ref);
     /// Whether a pattern's two words occur on the command line (see the .cpp for the rule).
     static bool matchesPattern(const std::vector<std::string>& commandLine);
     /// The shell command-wrapper rule (core/stop/protected.h).

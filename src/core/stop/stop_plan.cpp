@@ -6,6 +6,8 @@
 
 namespace wharfy {
 
+using nemarro::process::ProcessRef;
+
 namespace {
 
 constexpr const char* kNotYours =

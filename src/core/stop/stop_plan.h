@@ -11,18 +11,6 @@
 
 namespace wharfy {
 
-/// A process as a stop names it: who it is (pid and start time, so a reused
-/// pid never matches) and what the user was shown.
-struct ProcessRef {
-    nemarro::process::ProcessIdentity identity;
-    std::string name;
-    std::optional<std::string> path;
-    /// Empty when the arguments could not be read.
-    std::vector<std::string> commandLine;
-
-    bool operator==(const ProcessRef&) const = default;
-};
-
 /// Why a stop was refused; nothing is signalled on a refusal.
 struct StopRefusal {
     /// Its role says how to stop it properly instead.
@@ -67,11 +55,11 @@ std::string refusalMessage(const ListenerRole& role);
 /// Exactly which process a confirmed stop will signal, and why.
 struct StopPlan {
     /// The process that receives SIGTERM.
-    ProcessRef target;
+    nemarro::process::ProcessRef target;
     /// The process the user picked; equals `target` unless the request moved to a parent.
-    ProcessRef shown;
+    nemarro::process::ProcessRef shown;
     /// The target's ancestors, nearest first, for context.
-    std::vector<ProcessRef> chain;
+    std::vector<nemarro::process::ProcessRef> chain;
     /// The port the user acted on.
     std::optional<uint16_t> port;
     std::optional<ProjectInfo> project;

@@ -5,6 +5,8 @@
 
 namespace wharfy {
 
+using nemarro::process::ProcessRef;
+
 namespace {
 
 // The port sentences share their tails with the portless ones; `head` is

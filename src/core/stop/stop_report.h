@@ -14,12 +14,12 @@ namespace wharfy {
 struct ProcessStopOutcome {
     /// It exited and a new process listens on the port (a supervisor restarted it).
     struct StoppedPortReopened {
-        std::optional<ProcessRef> by;
+        std::optional<nemarro::process::ProcessRef> by;
         bool operator==(const StoppedPortReopened&) const = default;
     };
     /// It exited, but a process that listened on the port before still does.
     struct StoppedPortStillUsed {
-        std::optional<ProcessRef> by;
+        std::optional<nemarro::process::ProcessRef> by;
         bool operator==(const StoppedPortStillUsed&) const = default;
     };
     /// The request was not delivered; `errnum` is the system's error number.
@@ -64,7 +64,7 @@ struct StopReport {
     StopPlan plan;
     ProcessStopOutcome outcome;
     /// Descendants of the target alive before the stop and still alive after it.
-    std::vector<ProcessRef> survivors;
+    std::vector<nemarro::process::ProcessRef> survivors;
 
     bool operator==(const StopReport&) const = default;
 

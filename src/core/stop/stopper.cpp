@@ -13,6 +13,8 @@
 
 namespace wharfy {
 
+using nemarro::process::ProcessRef;
+
 using nemarro::process::BSDInfo;
 using nemarro::process::ProcessIdentity;
 

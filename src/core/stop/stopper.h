@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/common/result.h"
+#include "common/result.h"
 #include "core/ports/port_row.h"
 #include "core/stop/stop_environment.h"
 #include "core/stop/stop_plan.h"
@@ -38,7 +38,7 @@ class Stopper {
     /// Plans a stop of a port row's process for the row's port.
     Result<StopPlan, StopRefusal> plan(const PortRow& row) const;
     /// Plans a stop of a process without a port (an agent session).
-    Result<StopPlan, StopRefusal> plan(const ProcessRef& ref,
+    Result<StopPlan, StopRefusal> plan(const nemarro::process::ProcessRef& ref,
                                        const std::optional<ProjectInfo>& project,
                                        const std::optional<std::string>& label) const;
     /// Plans from an identity; the other two forms come here.
@@ -55,8 +55,8 @@ class Stopper {
     static Sleep realSleep();
 
   private:
-    std::optional<ProcessRef> ref(int32_t pid) const;
-    std::optional<StopRefusal> checkAllowed(const ProcessRef& ref) const;
+    std::optional<nemarro::process::ProcessRef> ref(int32_t pid) const;
+    std::optional<StopRefusal> checkAllowed(const nemarro::process::ProcessRef& ref) const;
     bool isGone(const nemarro::process::ProcessIdentity& identity) const;
 
     Config config_;

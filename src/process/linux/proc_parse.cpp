@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "common/text.h"
 #include "process/process_reader.h"
 
 namespace nemarro::process::linux {
@@ -69,7 +70,7 @@ std::optional<StatFields> parseStat(std::string_view text) {
     if (open == std::string_view::npos || close == std::string_view::npos || close < open)
         return std::nullopt;
     StatFields f;
-    f.comm = repairUtf8(text.substr(open + 1, close - open - 1));
+    f.comm = wharfy::repairUtf8(text.substr(open + 1, close - open - 1));
     // Numbered fields after the name: index 0 is field 3 (state).
     auto rest = fields(text.substr(close + 1));
     constexpr size_t kState = 0, kPpid = 1, kUtime = 11, kStime = 12, kStart = 19;
@@ -125,7 +126,7 @@ std::vector<std::string> parseCmdline(std::string_view bytes) {
     while (pos < bytes.size()) {
         size_t nul = bytes.find('\0', pos);
         if (nul == std::string_view::npos) nul = bytes.size();
-        out.push_back(repairUtf8(bytes.substr(pos, nul - pos)));
+        out.push_back(wharfy::repairUtf8(bytes.substr(pos, nul - pos)));
         pos = nul + 1;
     }
     return out;

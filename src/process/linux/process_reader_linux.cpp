@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/text.h"
 #include "process/linux/proc_parse.h"
 #include "process/linux/procfs.h"
 #include "process/process_reader.h"
@@ -190,13 +191,13 @@ std::optional<ProcessFacts> ProcessReader::facts(int32_t pid) {
 std::optional<std::string> ProcessReader::executablePath(int32_t pid) {
     auto link = readLink(PidPath(pid, "exe").text);
     if (!link) return std::nullopt;
-    return repairUtf8(stripDeleted(std::move(*link)));
+    return wharfy::repairUtf8(stripDeleted(std::move(*link)));
 }
 
 std::optional<std::string> ProcessReader::currentDirectory(int32_t pid) {
     auto link = readLink(PidPath(pid, "cwd").text);
     if (!link || link->empty()) return std::nullopt;
-    return repairUtf8(stripDeleted(std::move(*link)));
+    return wharfy::repairUtf8(stripDeleted(std::move(*link)));
 }
 
 size_t ProcessReader::argumentsBufferSize() {

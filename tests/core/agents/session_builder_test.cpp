@@ -8,6 +8,8 @@
 namespace wharfy {
 namespace {
 
+using nemarro::process::ProcessRef;
+
 using nemarro::process::ProcessUsage;
 using Args = std::vector<std::string>;
 

@@ -7,6 +7,8 @@
 namespace wharfy {
 namespace {
 
+using nemarro::process::ProcessRef;
+
 using nemarro::process::ProcessIdentity;
 
 TEST(SessionStopTest, ManagedSessionsAreRefusedOthersGoThroughTheStopper) {

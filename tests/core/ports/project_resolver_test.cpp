@@ -4,19 +4,12 @@
 
 #include <set>
 
+#include "fake_files.h"
+
 namespace wharfy {
 namespace {
 
-struct FakeFiles {
-    std::set<std::string> present;
-    std::vector<std::string> probes;
-    std::function<bool(const std::string&)> exists() {
-        return [this](const std::string& p) {
-            probes.push_back(p);
-            return present.count(p) > 0;
-        };
-    }
-};
+using wharfy::testing::FakeFiles;
 
 TEST(ProjectResolver, ResolvesAndAbbreviates) {
     struct Case {

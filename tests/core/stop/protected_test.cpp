@@ -6,6 +6,8 @@
 namespace wharfy {
 namespace {
 
+using nemarro::process::ProcessRef;
+
 TEST(ProtectedTest, MatchesNormalisedNamesAndExecutableNames) {
     struct Case {
         std::string name;

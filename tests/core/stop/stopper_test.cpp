@@ -13,6 +13,8 @@
 namespace wharfy {
 namespace {
 
+using nemarro::process::ProcessRef;
+
 using Identity = nemarro::process::ProcessIdentity;
 const std::string kStillRunning =
     "Still running after 10 s \u2014 it may be saving its work; check its terminal.";

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 #include "test_process.h"
 
 namespace wharfy::testing {

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 #include "test_process.h"
 
 namespace wharfy {

@@ -14,7 +14,7 @@ struct Ok {
 /// that carries the errno, status or offending text. Every user-requested
 /// operation in Wharfy returns one of these; nothing throws.
 template <typename T, typename E>
-class Result {
+class [[nodiscard]] Result {
   public:
     Result(T value) : v_(std::in_place_index<0>, std::move(value)) {}  // NOLINT: implicit by design
     Result(E error) : v_(std::in_place_index<1>, std::move(error)) {}  // NOLINT

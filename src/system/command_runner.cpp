@@ -1,4 +1,4 @@
-#include "core/stop/command_runner.h"
+#include "system/command_runner.h"
 
 #include <fcntl.h>
 #include <poll.h>

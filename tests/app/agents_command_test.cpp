@@ -5,6 +5,8 @@
 namespace wharfy::app {
 namespace {
 
+using nemarro::process::ProcessRef;
+
 using nlohmann::json;
 
 std::vector<AgentSession> sessions() {
