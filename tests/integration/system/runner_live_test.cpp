@@ -1,7 +1,12 @@
 // The command runners against real child processes.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <chrono>
+#include <fstream>
+#include <sstream>
+#include <thread>
 
 #include "system/command_runner.h"
 #include "test_process.h"
@@ -15,6 +20,21 @@ double secondsOf(auto&& fn) {
     auto start = std::chrono::steady_clock::now();
     fn();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Whether `pid` still runs (absent and zombie processes do not).
+bool running(int pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), {});
+    auto close = text.rfind(')');
+    return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
+}
+
+bool stopsWithin(int pid, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (running(pid) && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return !running(pid);
 }
 
 TEST(CommandRunner, OutputOnSuccessAbsentOnFailureStatus) {
@@ -61,12 +81,26 @@ TEST(ActionRunner, LaunchFailureReports127AndTheSystemText) {
     EXPECT_EQ(r.error, "No such file or directory");
 }
 
-TEST(ActionRunner, HangingProgramIsTerminatedWithANonZeroStatus) {
+TEST(ActionRunner, TimeLimitTerminatesTheWholeProcessGroup) {
+    // The worker outlives its parent unless the SIGTERM reaches the group,
+    // so it tells whether the limit was enforced on everything started.
     SystemActionRunner runner(0.3);
     ProcessResult r;
-    double took = secondsOf([&] { r = runner.run(TestProcess::helperPath(), {}, {}); });
+    double took = secondsOf([&] {
+        r = runner.run(TestProcess::helperPath(), {"--workers", "1", "--keep-workers"}, {});
+    });
     EXPECT_NE(r.status, 0);
     EXPECT_LT(took, 5.0);
+    std::istringstream ready(r.output);
+    std::string word;
+    int worker = 0;
+    while (ready >> word && word != "pids") {
+    }
+    ready >> worker;
+    ASSERT_GT(worker, 0) << "no ready line: " << r.output;
+    const bool stopped = stopsWithin(worker, std::chrono::seconds(3));
+    if (!stopped) ::kill(worker, SIGTERM);
+    EXPECT_TRUE(stopped) << "the worker of a program stopped at its limit still runs";
 }
 
 }  // namespace
