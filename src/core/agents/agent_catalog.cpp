@@ -59,6 +59,14 @@ bool isElectronHelper(const std::vector<std::string>& arguments) {
     return any(arguments, [](std::string_view a) { return startsWith(a, "--type="); });
 }
 
+bool isLinuxCursorPath(std::string_view path) {
+    const std::string_view name = lastComponent(path);
+    return (name == "cursor" || name == "Cursor") &&
+           (contains(path, "/.mount_Cursor") || contains(path, "/.mount_cursor") ||
+            endsWith(path, "/share/cursor/cursor") || startsWith(path, "/opt/Cursor/") ||
+            startsWith(path, "/opt/cursor/"));
+}
+
 AgentMatch matchOf(AgentTool tool, Role role = Role::root,
                    std::optional<std::string> managedBy = std::nullopt,
                    std::optional<std::string> version = std::nullopt) {
@@ -207,12 +215,7 @@ std::optional<AgentMatch> AgentCatalog::matchWith(const std::optional<std::strin
     // Cursor on Linux runs from its AppImage mount or an installed folder. No
     // earlier rule can fire for an executable named "cursor", and the Python
     // rule below never matches it, so this rule only turns a miss into a match.
-    if ((name == "cursor" || name == "Cursor") &&
-        (contains(path, "/.mount_Cursor") || contains(path, "/.mount_cursor") ||
-         endsWith(path, "/share/cursor/cursor") || startsWith(path, "/opt/Cursor/") ||
-         startsWith(path, "/opt/cursor/")) &&
-        !isElectronHelper(args.get()))
-        return matchOf(AgentTool::cursor);
+    if (isLinuxCursorPath(path) && !isElectronHelper(args.get())) return matchOf(AgentTool::cursor);
 
     if (!startsWith(name, "python")) return std::nullopt;
     const auto& arguments = args.get();
@@ -220,6 +223,14 @@ std::optional<AgentMatch> AgentCatalog::matchWith(const std::optional<std::strin
         runsModuleAider(arguments))
         return matchOf(AgentTool::aider);
     return std::nullopt;
+}
+
+bool isCursorAppPath(std::string_view path) {
+    return endsWith(path, ".app/Contents/MacOS/Cursor") || isLinuxCursorPath(path);
+}
+
+bool isCursorApp(std::string_view path, const std::vector<std::string>& arguments) {
+    return isCursorAppPath(path) && !isElectronHelper(arguments);
 }
 
 }  // namespace wharfy

@@ -49,6 +49,14 @@ struct AgentMatch {
 /// the version of a release folder such as "0.46.0-aarch64-apple-darwin".
 std::string releaseVersion(std::string_view path, std::string_view prefix);
 
+/// Whether `path` can be the Cursor desktop app's own executable: the app
+/// bundle on macOS, or its AppImage mount or installed folder on Linux.
+bool isCursorAppPath(std::string_view path);
+
+/// Whether a process is the Cursor desktop app itself, not one of the
+/// Electron helper processes it starts from the same executable.
+bool isCursorApp(std::string_view path, const std::vector<std::string>& arguments);
+
 /// Decides from an executable path and argument list whether a process is a
 /// coding agent, which one and in which role. It only compares strings.
 class AgentCatalog {

@@ -54,13 +54,15 @@ struct AgentSession {
 /// root:
 /// - only the user's own processes are matched, so only they head sessions;
 ///   a session's children may belong to anyone;
-/// - a root that is a copy of its parent (same tool, same executable, directly
-///   under it: a fork or a relaunch) belongs to its parent's session;
+/// - a root that is a true fork of its parent (same tool, same executable and
+///   same command line, directly under it) belongs to its parent's session;
+///   the same tool started anew with other arguments heads its own;
 /// - a daemon heads its own session, marked `isOrphanDaemon`, only when no
 ///   agent root stands above it; otherwise it is one of that root's children;
-/// - the nearest launcher above a head (a `wrapper` match, or the Cursor app)
-///   is its `wrapper`, unless another agent root comes first; the session
-///   takes its `managedBy` from the match, else from that launcher;
+/// - the nearest launcher above a head (a `wrapper` match, or the Cursor app
+///   itself rather than its helpers) is its `wrapper`, unless another agent
+///   root or an interactive shell comes first; the session takes its
+///   `managedBy` from the match, else from that launcher;
 /// - children are sorted by pid, sessions by start time then pid;
 /// - `cpuPercent` is absent only while no process of the session has a figure.
 class SessionBuilder {

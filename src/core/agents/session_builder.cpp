@@ -2,6 +2,7 @@
 #include <deque>
 
 #include "core/agents/agent_session.h"
+#include "core/ports/shell_names.h"
 
 namespace wharfy {
 namespace {
@@ -17,12 +18,35 @@ struct Matched {
     std::optional<std::vector<std::string>> arguments;
 };
 
-bool endsWith(std::string_view s, std::string_view suffix) {
-    return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
-}
+// Argument lists read during one build, so that no process is asked twice.
+class ArgumentCache {
+  public:
+    ArgumentCache(const SessionBuilder::ArgumentsFn& read,
+                  std::unordered_map<int32_t, Matched>& matches)
+        : read_(read), matches_(matches) {}
 
-bool isCursorApp(const ProcessUsage& p) {
-    return p.path && endsWith(*p.path, ".app/Contents/MacOS/Cursor");
+    const std::vector<std::string>& of(int32_t pid) {
+        if (auto m = matches_.find(pid); m != matches_.end()) {
+            if (!m->second.arguments) m->second.arguments = read_(pid);
+            return m->second.arguments ? *m->second.arguments : kNone;
+        }
+        auto [it, fresh] = others_.try_emplace(pid);
+        if (fresh) it->second = read_(pid).value_or(std::vector<std::string>{});
+        return it->second;
+    }
+
+  private:
+    static inline const std::vector<std::string> kNone;
+    const SessionBuilder::ArgumentsFn& read_;
+    std::unordered_map<int32_t, Matched>& matches_;
+    std::unordered_map<int32_t, std::vector<std::string>> others_;
+};
+
+// A shell the user types into. Its command line is read only for shells; an
+// unreadable one counts as interactive, so nothing is attributed past it.
+bool isInteractiveShell(const ProcessUsage& p, ArgumentCache& arguments) {
+    if (!isShellName(normalizedProgramName(p.name))) return false;
+    return !isCommandWrapper(arguments.of(p.identity.pid));
 }
 
 // What stands above a head: the launcher in front of it, and whether another
@@ -30,11 +54,12 @@ bool isCursorApp(const ProcessUsage& p) {
 struct Above {
     const ProcessUsage* wrapper = nullptr;
     const Matched* wrapperMatch = nullptr;
+    bool cursorApp = false;
     bool underRoot = false;
 };
 
 Above lookAbove(const ProcessUsage& head, const SessionBuilder::EntryMap& byPID,
-                const std::unordered_map<int32_t, Matched>& matches) {
+                const std::unordered_map<int32_t, Matched>& matches, ArgumentCache& arguments) {
     Above above;
     std::unordered_set<int32_t> seen{head.identity.pid};
     int32_t pid = head.ppid;
@@ -43,10 +68,16 @@ Above lookAbove(const ProcessUsage& head, const SessionBuilder::EntryMap& byPID,
         if (entry == byPID.end()) break;
         const ProcessUsage& p = *entry->second;
         auto m = matches.find(pid);
+        // An agent typed by hand in an editor's terminal is the user's own,
+        // not the editor's.
+        if (isInteractiveShell(p, arguments)) return above;
         // The Cursor app is itself a root, but an agent it runs is its session.
-        if (isCursorApp(p) || (m != matches.end() && m->second.match.role == Role::wrapper)) {
+        const bool cursorApp =
+            p.path && isCursorAppPath(*p.path) && isCursorApp(*p.path, arguments.of(pid));
+        if (cursorApp || (m != matches.end() && m->second.match.role == Role::wrapper)) {
             above.wrapper = &p;
             above.wrapperMatch = m == matches.end() ? nullptr : &m->second;
+            above.cursorApp = cursorApp;
             above.underRoot = m != matches.end() && m->second.match.role == Role::root;
             return above;
         }
@@ -59,17 +90,21 @@ Above lookAbove(const ProcessUsage& head, const SessionBuilder::EntryMap& byPID,
     return above;
 }
 
-// An agent that forks or relaunches itself (the same tool from the same
-// executable, directly under it) is one session with its copy, not two.
+// A true fork of an agent (the same executable with the same command line,
+// directly under it) is one session with its parent. Anything else, even the
+// same tool started anew by the agent, heads a session of its own.
 bool isForkOfParent(const ProcessUsage& p, const SessionBuilder::EntryMap& byPID,
-                    const std::unordered_map<int32_t, Matched>& matches) {
+                    const std::unordered_map<int32_t, Matched>& matches, ArgumentCache& arguments) {
     auto parent = byPID.find(p.ppid);
     auto parentMatch = matches.find(p.ppid);
     auto own = matches.find(p.identity.pid);
-    return parent != byPID.end() && parentMatch != matches.end() && own != matches.end() &&
-           parentMatch->second.match.role == Role::root &&
-           parentMatch->second.match.tool == own->second.match.tool &&
-           parent->second->path == p.path;
+    if (parent == byPID.end() || parentMatch == matches.end() || own == matches.end() ||
+        parentMatch->second.match.role != Role::root ||
+        parentMatch->second.match.tool != own->second.match.tool || !p.path ||
+        parent->second->path != p.path)
+        return false;
+    const auto& mine = arguments.of(p.identity.pid);
+    return !mine.empty() && mine == arguments.of(p.ppid);
 }
 
 }  // namespace
@@ -126,11 +161,12 @@ std::vector<AgentSession> SessionBuilder::build(const std::vector<ProcessUsage>&
     }
 
     // Roots head sessions; a daemon heads one only when no root runs it.
+    ArgumentCache cache(arguments, matches);
     std::vector<std::pair<int32_t, Above>> heads;
     for (const auto& [pid, m] : matches) {
-        if (m.match.role == Role::wrapper || isForkOfParent(*byPID.at(pid), byPID, matches))
+        if (m.match.role == Role::wrapper || isForkOfParent(*byPID.at(pid), byPID, matches, cache))
             continue;
-        Above above = lookAbove(*byPID.at(pid), byPID, matches);
+        Above above = lookAbove(*byPID.at(pid), byPID, matches, cache);
         if (m.match.role == Role::daemon && above.underRoot) continue;
         heads.emplace_back(pid, above);
     }
@@ -144,18 +180,17 @@ std::vector<AgentSession> SessionBuilder::build(const std::vector<ProcessUsage>&
     sessions.reserve(heads.size());
     for (const auto& [pid, above] : heads) {
         const ProcessUsage& head = *byPID.at(pid);
-        Matched& m = matches.at(pid);
-        if (!m.arguments) m.arguments = arguments(pid);
+        const Matched& m = matches.at(pid);
+        const auto& commandLine = cache.of(pid);
 
         AgentSession s;
         s.tool = m.match.tool;
         s.version = m.match.version;
         s.managedBy = m.match.managedBy;
         if (!s.managedBy && above.wrapperMatch) s.managedBy = above.wrapperMatch->match.managedBy;
-        if (!s.managedBy && above.wrapper && isCursorApp(*above.wrapper)) s.managedBy = "Cursor";
+        if (!s.managedBy && above.cursorApp) s.managedBy = "Cursor";
         s.isOrphanDaemon = m.match.role == Role::daemon;
-        s.root = ProcessRef{head.identity, head.name, head.path,
-                            m.arguments.value_or(std::vector<std::string>{})};
+        s.root = ProcessRef{head.identity, head.name, head.path, commandLine};
         if (above.wrapper) s.wrapper = above.wrapper->identity;
         if (auto directory = workingDirectory(pid)) s.project = resolver_.resolve(*directory);
 

@@ -95,7 +95,8 @@ TEST(SessionBuilderTest, GroupsProcessTreesIntoOneSessionPerRoot) {
                    {62, {"node", "/x/@openai/codex/cli.js"}},
                    {20, {"codex", "app-server"}},
                    {31, {"codex", "app-server"}},
-                   {60, {"claude", "--resume"}}};
+                   {60, {"claude", "--resume"}},
+                   {61, {"claude", "--resume"}}};
     r.directories = {{60, kHome + "/src/app/server"}};
     std::vector<ProcessUsage> entries{
         proc(10, 1, "/System/Library/node"),         // system program: arguments never read
@@ -149,6 +150,35 @@ TEST(SessionBuilderTest, GroupsProcessTreesIntoOneSessionPerRoot) {
     EXPECT_EQ(r.reads.count(10) + r.reads.count(11), 0u);
     EXPECT_EQ(r.reads.count(13), 1u);  // the match's read serves the command line too
     EXPECT_EQ(r.reads.count(64), 0u);  // no rule asks a shell for its arguments
+}
+
+TEST(SessionBuilderTest, ForksJoinTheirParentAndShellsEndTheWrapperWalk) {
+    const std::string cursor = "/opt/Cursor/cursor";
+    Recorded r;
+    r.arguments = {{10, {"claude"}},
+                   {11, {"claude"}},                  // a true fork
+                   {12, {"claude", "-p", "review"}},  // started anew by the agent
+                   {20, {cursor}},
+                   {21, {cursor, "--type=utility"}},  // Electron helper of the app
+                   {22, {"claude"}},                  // run by the app
+                   {23, {"bash"}},                    // the editor's terminal
+                   {24, {"claude"}},                  // typed by hand there
+                   {25, {"bash", "-c", "claude"}},    // a script the app runs
+                   {26, {"claude", "--print"}}};
+    const std::vector<ProcessUsage> entries{
+        proc(10, 1, kClaude),          proc(11, 10, kClaude), proc(12, 10, kClaude),
+        proc(20, 1, cursor),           proc(21, 20, cursor),  proc(22, 21, kClaude),
+        proc(23, 21, "/usr/bin/bash"), proc(24, 23, kClaude), proc(25, 21, "/usr/bin/bash"),
+        proc(26, 25, kClaude),
+    };
+    EXPECT_EQ(summary(r.build(entries)), (std::vector<std::string>{
+                                             "10 claudeCode [11]",
+                                             "12 claudeCode []",
+                                             "20 cursor [21,23,25]",
+                                             "22 claudeCode [] wrapper=20 by=Cursor",
+                                             "24 claudeCode []",
+                                             "26 claudeCode [] wrapper=20 by=Cursor",
+                                         }));
 }
 
 TEST(SessionBuilderTest, DescendantsWalkBreadthFirst) {
