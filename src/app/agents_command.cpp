@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "app/ports_command.h"
 #include "app/terminal_text.h"
 
 namespace wharfy::app {
@@ -88,7 +89,7 @@ json agentsJson(const std::vector<AgentSession>& sessions) {
     return json{{"sessions", std::move(out)}};
 }
 
-std::string agentsText(const AgentsReport& report) {
+std::string agentsText(const AgentsReport& report, std::optional<size_t> width) {
     std::string out = "Agent sessions\n";
     if (report.sessions.empty()) return out + "  No agent sessions running.\n";
     TextTable table(
@@ -99,10 +100,12 @@ std::string agentsText(const AgentsReport& report) {
         table.add({displayName(s.tool), terminalSafe(s.version.value_or("-")),
                    std::to_string(s.root.identity.pid), std::to_string(s.processCount()),
                    s.cpuPercent ? percent(*s.cpuPercent, true) : "-", gigabytes(s.footprint),
-                   stateText(status), s.project ? terminalSafe(s.project->path) : "-",
+                   stateText(status), s.project ? terminalSafe(projectCell(*s.project)) : "-",
                    notesText(s)});
     }
-    out += table.render("  ");
+    table.shrinkable(7, 8);
+    table.shrinkable(8, 8);
+    out += table.render("  ", width);
     return out;
 }
 

@@ -34,7 +34,8 @@ AgentsReport readAgents(const std::string& home, uint32_t uid);
 /// The object printed by `wharfy --agents-json`: {"sessions": [...]}.
 nlohmann::json agentsJson(const std::vector<AgentSession>& sessions);
 
-/// The agent section printed by `wharfy`: one table row per session.
-std::string agentsText(const AgentsReport& report);
+/// The agent section printed by `wharfy`: one table row per session, cut to
+/// `width` when one is given.
+std::string agentsText(const AgentsReport& report, std::optional<size_t> width = std::nullopt);
 
 }  // namespace wharfy::app

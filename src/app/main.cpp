@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "app/agents_command.h"
+#include "app/command_line.h"
 #include "app/containers_command.h"
 #include "app/ports_command.h"
+#include "app/terminal_text.h"
 #include "core/containers/port_container_mapper.h"
 #include "process/process_sampler.h"
 
@@ -17,10 +19,6 @@ namespace {
 
 using namespace wharfy;
 using namespace wharfy::app;
-
-bool has(const std::vector<std::string>& args, const char* option) {
-    return std::find(args.begin(), args.end(), option) != args.end();
-}
 
 std::optional<std::string> xdgRuntimeDir() {
     if (const char* dir = std::getenv("XDG_RUNTIME_DIR"); dir && *dir) return std::string(dir);
@@ -56,9 +54,10 @@ int printAll(const UserContext& user) {
     const auto reports = runtimes.get();
     const auto rows = PortContainerMapper::attach(scanPorts(user, cpu), allContainers(reports));
 
-    std::string out = "Listening ports\n" + portsText(rows);
+    const auto width = outputWidth();
+    std::string out = "Listening ports\n" + portsText(rows, width, user.uid == 0);
     out += "\n" + containersText(reports);
-    out += "\n" + agentsText(agents.get());
+    out += "\n" + agentsText(agents.get(), width);
     std::fputs(out.c_str(), stdout);
     return 0;
 }
@@ -67,11 +66,24 @@ int printAll(const UserContext& user) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
+    if (auto problem = usageProblem(args)) {
+        std::fprintf(stderr, "wharfy: %s\nTry 'wharfy --help' for more information.\n",
+                     problem->c_str());
+        return 2;
+    }
+    if (hasOption("--help", args) || hasOption("-h", args)) {
+        std::fputs(usageText().c_str(), stdout);
+        return 0;
+    }
+    if (hasOption("--version", args)) {
+        std::fputs(versionText().c_str(), stdout);
+        return 0;
+    }
     const auto user = UserContext::current();
-    if (has(args, "--ports-json")) return emit(portsJson(scanPorts(user)));
-    if (has(args, "--containers-json"))
+    if (hasOption("--ports-json", args)) return emit(portsJson(scanPorts(user)));
+    if (hasOption("--containers-json", args))
         return emit(containersJson(readRuntimes(user.home, xdgRuntimeDir())));
-    if (has(args, "--agents-json"))
+    if (hasOption("--agents-json", args))
         return emit(agentsJson(readAgents(user.home, user.uid).sessions));
     return printAll(user);
 }

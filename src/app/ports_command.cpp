@@ -85,9 +85,7 @@ std::string kindPhrase(const PortRow& row) {
         std::string operator()(const ListenerRole::PartOfApp& r) const {
             return "part of " + r.name;
         }
-        std::string operator()(const ListenerRole::BackgroundService& r) const {
-            return "service, stop with: " + r.stopCommand;
-        }
+        std::string operator()(const ListenerRole::BackgroundService&) const { return "service"; }
         std::string operator()(const ListenerRole::PlainProcess&) const {
             return row.isOwnedByUser ? "process" : "another user's process";
         }
@@ -98,10 +96,19 @@ std::string kindPhrase(const PortRow& row) {
     return std::visit(Visitor{row}, row.role.value);
 }
 
-std::string portsText(const std::vector<PortRow>& rows) {
+std::string projectCell(const ProjectInfo& project) {
+    return project.isGitProject ? project.name() + " (git)" : project.path;
+}
+
+std::string portsText(const std::vector<PortRow>& rows, std::optional<size_t> width,
+                      bool seesOtherUsers) {
     if (rows.empty()) return "No listening TCP ports.\n";
     const auto& words = platformWords();
     TextTable table({"PORT", "PROCESS", "REACHABLE FROM", "KIND", "PROJECT", "MEMORY", "CPU"});
+    table.shrinkable(1, 12);
+    table.shrinkable(3, 10);
+    table.shrinkable(4, 8);
+    bool hiddenOwners = false;
     for (const auto& row : rows) {
         const char* reach = row.addressClass == AddressClass::thisMacOnly  ? words.thisMacOnly
                             : row.addressClass == AddressClass::oneNetwork ? words.oneNetwork
@@ -115,10 +122,16 @@ std::string portsText(const std::vector<PortRow>& rows) {
             cpu = buf;
         }
         table.add({std::to_string(row.port), process, reach, terminalSafe(kindPhrase(row)),
-                   row.project ? terminalSafe(row.project->path) : "",
+                   row.project ? terminalSafe(projectCell(*row.project)) : "",
                    row.footprint ? formatBytes(*row.footprint) : "", cpu});
+        if (const auto* service = row.role.as<ListenerRole::BackgroundService>())
+            table.addNote("stop with: " + terminalSafe(service->stopCommand));
+        hiddenOwners = hiddenOwners || row.role.is<ListenerRole::OtherUser>();
     }
-    return table.render();
+    std::string out = table.render("", width);
+    if (hiddenOwners && !seesOtherUsers)
+        out += "Ports of other users show no process; run with sudo to see them.\n";
+    return out;
 }
 
 }  // namespace wharfy::app

@@ -29,11 +29,19 @@ nlohmann::json portsJson(const std::vector<PortRow>& rows);
 std::string jsonRole(const PortRow& row);
 
 /// A readable table of the rows: port, process, reachable from, kind,
-/// project, memory and CPU. Machine text is escaped.
-std::string portsText(const std::vector<PortRow>& rows);
+/// project, memory and CPU, with a service's stop command on a line of its
+/// own. Machine text is escaped. With a `width`, rows are cut to fit it.
+/// When some owners are hidden and `seesOtherUsers` is false, a last line
+/// says how to see them.
+std::string portsText(const std::vector<PortRow>& rows, std::optional<size_t> width = std::nullopt,
+                      bool seesOtherUsers = true);
 
-/// The role as a short phrase, with a service's stop command or an app's name.
+/// The role as a short phrase: an app's name, a container's name and image.
 std::string kindPhrase(const PortRow& row);
+
+/// A project as its table cell: a git project by its name and "(git)", any
+/// other folder by its shortened path.
+std::string projectCell(const ProjectInfo& project);
 
 /// Serialises pretty-printed with sorted keys and a line feed ("{}" if that fails).
 std::string emitText(const nlohmann::json& value);

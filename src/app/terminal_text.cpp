@@ -1,7 +1,11 @@
 #include "app/terminal_text.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "common/text.h"
 
@@ -67,26 +71,53 @@ std::string formatBytes(uint64_t bytes) {
     return buf;
 }
 
-TextTable::TextTable(std::vector<std::string> headers) : headers_(std::move(headers)) {}
+TextTable::TextTable(std::vector<std::string> headers)
+    : headers_(std::move(headers)), minWidths_(headers_.size(), 0) {}
 
 void TextTable::add(std::vector<std::string> row) {
     row.resize(headers_.size());
-    rows_.push_back(std::move(row));
+    rows_.push_back({std::move(row), {}});
 }
 
-std::string TextTable::render(std::string_view indent) const {
+void TextTable::addNote(std::string note) {
+    if (!rows_.empty()) rows_.back().notes.push_back(std::move(note));
+}
+
+void TextTable::shrinkable(size_t column, size_t minWidth) {
+    if (column < minWidths_.size()) minWidths_[column] = std::max<size_t>(minWidth, 1);
+}
+
+std::string TextTable::render(std::string_view indent, std::optional<size_t> width) const {
     std::vector<size_t> widths(headers_.size());
     for (size_t c = 0; c < headers_.size(); ++c)
         widths[c] = displayWidth(headers_[c]);
     for (const auto& row : rows_)
-        for (size_t c = 0; c < row.size(); ++c)
-            widths[c] = std::max(widths[c], displayWidth(row[c]));
+        for (size_t c = 0; c < row.cells.size(); ++c)
+            widths[c] = std::max(widths[c], displayWidth(row.cells[c]));
+    if (width) {
+        size_t total = displayWidth(indent);
+        for (size_t w : widths)
+            total += w + 2;
+        total -= widths.empty() ? 0 : 2;
+        // Take one column at a time from the widest column that may shrink.
+        while (total > *width) {
+            size_t widest = widths.size();
+            for (size_t c = 0; c < widths.size(); ++c)
+                if (minWidths_[c] && widths[c] > minWidths_[c] &&
+                    (widest == widths.size() || widths[c] > widths[widest]))
+                    widest = c;
+            if (widest == widths.size()) break;
+            --widths[widest];
+            --total;
+        }
+    }
     std::string out;
     auto line = [&](const std::vector<std::string>& cells) {
         std::string l;
         for (size_t c = 0; c < cells.size(); ++c) {
-            l += cells[c];
-            if (c + 1 < cells.size()) l.append(widths[c] - displayWidth(cells[c]) + 2, ' ');
+            const std::string cell = width ? fitWidth(cells[c], widths[c]) : cells[c];
+            l += cell;
+            if (c + 1 < cells.size()) l.append(widths[c] - displayWidth(cell) + 2, ' ');
         }
         while (!l.empty() && l.back() == ' ')
             l.pop_back();
@@ -94,10 +125,45 @@ std::string TextTable::render(std::string_view indent) const {
         out += l;
         out += '\n';
     };
+    const std::string noteIndent(indent.size() + (widths.empty() ? 0 : widths[0] + 2), ' ');
     line(headers_);
-    for (const auto& row : rows_)
-        line(row);
+    for (const auto& row : rows_) {
+        line(row.cells);
+        for (const auto& note : row.notes) {
+            out += noteIndent;
+            if (width && *width > noteIndent.size())
+                out += fitWidth(note, *width - noteIndent.size());
+            else
+                out += note;
+            out += '\n';
+        }
+    }
     return out;
+}
+
+std::string fitWidth(std::string_view text, size_t width) {
+    if (displayWidth(text) <= width) return std::string(text);
+    if (width == 0) return "";
+    std::string out;
+    size_t kept = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if ((c & 0xC0) != 0x80 && ++kept == width) break;
+        out.push_back(text[i]);
+    }
+    return out + "\xE2\x80\xA6";
+}
+
+std::optional<size_t> outputWidth() {
+    if (!::isatty(STDOUT_FILENO)) return std::nullopt;
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    if (const char* columns = std::getenv("COLUMNS")) {
+        char* end = nullptr;
+        const long n = std::strtol(columns, &end, 10);
+        if (end != columns && *end == '\0' && n > 0 && n < 10000) return static_cast<size_t>(n);
+    }
+    return 80;
 }
 
 }  // namespace wharfy::app

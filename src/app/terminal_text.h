@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,14 +25,33 @@ class TextTable {
   public:
     explicit TextTable(std::vector<std::string> headers);
     void add(std::vector<std::string> row);
+    /// A line printed under the last row added, indented past the first column.
+    void addNote(std::string note);
+    /// Lets `column` be cut (with "…") down to `minWidth` when the table must fit.
+    void shrinkable(size_t column, size_t minWidth);
     /// The table with a header line, columns separated by two blanks, each
-    /// line starting with `indent`.
-    std::string render(std::string_view indent = "") const;
+    /// line starting with `indent`. With a `width`, shrinkable columns and
+    /// notes are cut so that no line is longer; without one nothing is cut.
+    std::string render(std::string_view indent = "",
+                       std::optional<size_t> width = std::nullopt) const;
     bool empty() const { return rows_.empty(); }
 
   private:
+    struct Row {
+        std::vector<std::string> cells;
+        std::vector<std::string> notes;
+    };
     std::vector<std::string> headers_;
-    std::vector<std::vector<std::string>> rows_;
+    std::vector<size_t> minWidths_;
+    std::vector<Row> rows_;
 };
+
+/// `text` cut to at most `width` code points, ending in "…" when it was cut.
+std::string fitWidth(std::string_view text, size_t width);
+
+/// The width the one-shot report may use: the terminal's columns (its window
+/// size, else $COLUMNS, else 80) when standard output is a terminal; absent
+/// when it is not, so that nothing is cut for pipes and files.
+std::optional<size_t> outputWidth();
 
 }  // namespace wharfy::app

@@ -45,7 +45,7 @@ TEST(AgentsCommandTest, TextTableEscapesMachineTextAndShowsState) {
     const std::string text = agentsText({sessions(), {runaway, AgentStatus{}}});
     EXPECT_EQ(text.find_first_of("\x1b\x07"), std::string::npos) << text;
     for (const char* expected : {"Claude Code  2.0.14   812  3          12.5%  5.2 GB",
-                                 "runaway: memory 5.2 GB  ~/src/\\e[31mapp",
+                                 "runaway: memory 5.2 GB  \\e[31mapp (git)",
                                  "Codex        -        900  1          -      0.0 GB  idle",
                                  "run by the Claude app, left-behind daemon"})
         EXPECT_NE(text.find(expected), std::string::npos) << expected << "\n" << text;

@@ -1,0 +1,88 @@
+#include "app/command_line.h"
+
+#include <algorithm>
+#include <array>
+
+namespace wharfy::app {
+namespace {
+
+constexpr std::array kOptions{
+    OptionSpec{"--ports-json", "", "print the listening ports as JSON and exit"},
+    OptionSpec{"--containers-json", "", "print the container runtimes as JSON and exit"},
+    OptionSpec{"--agents-json", "", "print the coding-agent sessions as JSON and exit"},
+    OptionSpec{"--help", "", "show this help and exit", "-h"},
+    OptionSpec{"--version", "", "print the version and exit"},
+};
+
+const OptionSpec* find(std::string_view name) {
+    auto it = std::find_if(kOptions.begin(), kOptions.end(), [&](const OptionSpec& o) {
+        return o.name == name || (!o.alias.empty() && o.alias == name);
+    });
+    return it == kOptions.end() ? nullptr : &*it;
+}
+
+}  // namespace
+
+std::span<const OptionSpec> knownOptions() {
+    return kOptions;
+}
+
+std::optional<std::string> usageProblem(const std::vector<std::string>& arguments) {
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& a = arguments[i];
+        const OptionSpec* spec = find(a);
+        if (!spec) {
+            if (a.starts_with("-")) return "unknown option '" + a + "'";
+            return "unexpected argument '" + a + "'";
+        }
+        if (!spec->value.empty()) {
+            if (i + 1 == arguments.size()) return "option '" + a + "' needs a value";
+            ++i;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> valueAfter(std::string_view option,
+                                      const std::vector<std::string>& arguments) {
+    auto it = std::find(arguments.begin(), arguments.end(), option);
+    if (it == arguments.end() || it + 1 == arguments.end()) return std::nullopt;
+    return *(it + 1);
+}
+
+bool hasOption(std::string_view option, const std::vector<std::string>& arguments) {
+    return std::find(arguments.begin(), arguments.end(), option) != arguments.end();
+}
+
+std::string usageText() {
+    std::string out =
+        "Usage: wharfy [OPTION]...\n"
+        "Shows what listens on TCP ports, what the container runtimes are doing and\n"
+        "which coding-agent sessions run on this computer.\n"
+        "\n"
+        "With no option, wharfy prints all three as tables and exits.\n"
+        "\n"
+        "Options:\n";
+    for (const auto& o : kOptions) {
+        std::string left = o.alias.empty() ? "  " : "  " + std::string(o.alias) + ", ";
+        left += o.name;
+        if (!o.value.empty()) left += " " + std::string(o.value);
+        left.resize(std::max<size_t>(left.size() + 2, 26), ' ');
+        out += left + std::string(o.help) + "\n";
+    }
+    out +=
+        "\n"
+        "Headless commands print JSON with sorted keys and always exit with status 0.\n"
+        "Wharfy never stops or removes anything from the command line.\n"
+        "\n"
+        "From a source checkout:\n"
+        "  make run     installs what is missing, builds and runs wharfy\n"
+        "  make test    installs what is missing, builds and runs every test\n";
+    return out;
+}
+
+std::string versionText() {
+    return std::string("wharfy ") + WHARFY_VERSION + "\n";
+}
+
+}  // namespace wharfy::app
