@@ -1,0 +1,41 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "common/result.h"
+#include "system/private_files.h"
+
+namespace wharfy::app {
+
+/// The user's settings as the model reads and changes them.
+class SettingsStore {
+  public:
+    virtual ~SettingsStore() = default;
+    /// The stored value of `key`; absent when there is none.
+    virtual std::optional<nlohmann::json> value(std::string_view key) const = 0;
+    /// Stores `value` under `key` at once.
+    virtual Result<Ok, FileError> set(std::string_view key, nlohmann::json value) = 0;
+};
+
+/// Settings kept as one JSON object in a file of their own. Keys this
+/// version does not know survive a rewrite. A file that cannot be read or
+/// decoded gives no values and is left as it is until a setting changes.
+class SettingsFile final : public SettingsStore {
+  public:
+    explicit SettingsFile(std::string path);
+    std::optional<nlohmann::json> value(std::string_view key) const override;
+    Result<Ok, FileError> set(std::string_view key, nlohmann::json value) override;
+
+    /// Files larger than this are not read.
+    static constexpr size_t kLimit = 1 << 20;
+
+  private:
+    std::string path_;
+    nlohmann::json object_ = nlohmann::json::object();
+};
+
+}  // namespace wharfy::app

@@ -1,0 +1,123 @@
+#include "system/private_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+
+namespace wharfy {
+namespace {
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+  private:
+    int fd_;
+};
+
+bool writeAll(int fd, const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string FileError::message() const {
+    return "Could not write " + path + " (" + std::strerror(error) + ").";
+}
+
+std::string parentFolder(const std::string& path) {
+    const auto slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+Result<Ok, FileError> makePrivateFolder(const std::string& folder) {
+    struct stat st {};
+    if (::lstat(folder.c_str(), &st) == 0) {
+        if (S_ISDIR(st.st_mode)) return Ok{};
+        return FileError{folder, S_ISLNK(st.st_mode) ? ELOOP : ENOTDIR};
+    }
+    if (errno != ENOENT) return FileError{folder, errno};
+    const std::string parent = parentFolder(folder);
+    if (parent != folder && parent != "." && parent != "/") {
+        auto made = makePrivateFolder(parent);
+        if (!made) return made;
+    }
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return FileError{folder, errno};
+    if (::lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return FileError{folder, ENOTDIR};
+    return Ok{};
+}
+
+Result<Ok, FileError> writePrivateFile(const std::string& path, const std::string& bytes) {
+    const std::string folder = parentFolder(path);
+    if (auto made = makePrivateFolder(folder); !made) return made;
+    std::random_device random;
+    std::string temporary;
+    int fd = -1;
+    for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
+        temporary = path + ".tmp-" + std::to_string(random());
+        fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0 && errno != EEXIST) return FileError{path, errno};
+    }
+    if (fd < 0) return FileError{path, EEXIST};
+    Descriptor file(fd);
+    if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
+        const int error = errno ? errno : EIO;
+        ::unlink(temporary.c_str());
+        return FileError{path, error};
+    }
+    ::close(file.release());
+    // rename replaces a symbolic link at `path` rather than writing through it.
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        ::unlink(temporary.c_str());
+        return FileError{path, error};
+    }
+    return Ok{};
+}
+
+std::optional<std::string> readSmallFile(const std::string& path, size_t limit) {
+    Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() < 0) return std::nullopt;
+    struct stat st {};
+    if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        static_cast<uint64_t>(st.st_size) > limit)
+        return std::nullopt;
+    std::string out;
+    char chunk[16384];
+    for (;;) {
+        const ssize_t n = ::read(file.get(), chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) break;
+        out.append(chunk, static_cast<size_t>(n));
+        if (out.size() > limit) return std::nullopt;
+    }
+    return out;
+}
+
+}  // namespace wharfy
