@@ -7,6 +7,7 @@
 #include <future>
 #include <thread>
 
+#include "app/diagnostics.h"
 #include "app/loop/asio_event_loop.h"
 
 namespace wharfy::app {
@@ -77,6 +78,30 @@ TEST(WorkerPool, ABlockedJobDelaysNoOtherAndShutdownGivesUpOnIt) {
     EXPECT_FALSE(pool.shutdown(50ms)) << "the blocked job cannot have finished";
     pool.submit([] { FAIL() << "a job after shutdown ran"; });
     release.set_value();
+}
+
+TEST(Diagnostics, TheWatchdogSeesAStalledLoopAndTheFiguresAddUp) {
+    AsioEventLoop loop;
+    auto diagnostics = std::make_shared<Diagnostics>();
+    {
+        Watchdog watchdog(loop, diagnostics, 10ms);
+        loop.after(0.05, [] { std::this_thread::sleep_for(200ms); });
+        loop.after(0.4, [&] { loop.stop(); });
+        loop.run();
+    }
+    for (double ms : {30.0, 10.0, 20.0, 50.0})
+        diagnostics->recordRefresh(ms);
+    diagnostics->mark("firstRefresh");
+    const auto json = diagnostics->json(ProcessCost::current());
+    EXPECT_GE(json["worstMainThreadStallMs"].get<double>(), 150.0) << json.dump();
+    EXPECT_EQ(json["refreshCount"], 4);
+    EXPECT_EQ(json["refreshMedianMs"], 25.0);
+    EXPECT_EQ(json["refreshWorstMs"], 50.0);
+    EXPECT_EQ(json["refreshWorstAfterFirstMs"], 50.0);
+    EXPECT_GT(json["peakFootprintBytes"].get<uint64_t>(), 1'000'000u);
+    EXPECT_GT(json["cpuSeconds"].get<double>(), 0.0);
+    EXPECT_TRUE(json["marks"].contains("firstRefresh"));
+    EXPECT_EQ(json["suiteHost"], false);
 }
 
 }  // namespace
