@@ -8,7 +8,7 @@ ifeq ($(CI),true)
   CMAKE_ARGS += -DWHARFY_WERROR=ON
 endif
 
-.PHONY: all deps test-deps build run test unit asan bench format clean
+.PHONY: all deps test-deps build run test unit asan bench format clean install
 
 all: build
 
@@ -43,6 +43,11 @@ asan: deps $(ASAN_BUILD)/build.ninja
 bench: test-deps build
 	cmake --build $(BUILD) -j $(JOBS) --target benchmarks
 	./$(BUILD)/bench/wharfy_bench $(BENCH_ARGS)
+
+# Installs wharfy and its systemd user unit under PREFIX (default ~/.local).
+PREFIX ?= $(HOME)/.local
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 format:
 	find src tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
