@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -23,7 +25,10 @@ struct JSONValue {
     Storage value = nullptr;
 
     JSONValue() = default;
-    JSONValue(Storage v);  // NOLINT: implicit by design
+    /// From anything one of the cases can be made from: true, int64_t{3}, 2.5, "text", nullptr.
+    template <typename T, typename = std::enable_if_t<!std::is_same_v<std::decay_t<T>, JSONValue> &&
+                                                      std::is_constructible_v<Storage, T>>>
+    JSONValue(T&& v) : value(std::forward<T>(v)) {}  // NOLINT: implicit by design
     // Out of line: g++ 12 reports false "may be used uninitialized" warnings
     // when it inlines moves of this recursive variant.
     JSONValue(const JSONValue&);

@@ -4,7 +4,6 @@ namespace nemarro::suite {
 
 // Kept apart from the reader and writer so that g++ never inlines these moves
 // there (see the declarations).
-JSONValue::JSONValue(Storage v) : value(std::move(v)) {}
 JSONValue::JSONValue(const JSONValue&) = default;
 JSONValue::JSONValue(JSONValue&&) noexcept = default;
 JSONValue& JSONValue::operator=(const JSONValue&) = default;
