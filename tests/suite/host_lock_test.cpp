@@ -45,7 +45,7 @@ TEST(HostLock, RetriesAndLogsEachProblemOncePerWait) {
                                       "close 4",
                                       "open /s/a/host.lock 5",
                                       "lock 5",
-                                      "named 5",  // replaced meanwhile
+                                      "named 5 stale",  // replaced meanwhile
                                       "close 5",
                                       "open /s/a/host.lock 6",
                                       "lock 6",

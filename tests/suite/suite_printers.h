@@ -4,7 +4,6 @@
 
 #include "suite/glance_codec.h"
 #include "suite/json_value.h"
-#include "suite/suite_state_machine.h"
 
 namespace nemarro::suite {
 
@@ -33,13 +32,6 @@ inline void PrintTo(const GlanceReadResult& result, std::ostream* os) {
     } else {
         *os << "invalid(\"" << std::get<GlanceInvalid>(result).reason << "\")";
     }
-}
-
-inline void PrintTo(const SuiteRow& row, std::ostream* os) {
-    if (const auto* running = std::get_if<RunningRow>(&row))
-        *os << "running(" << id(running->record.app) << ")";
-    else
-        *os << "notRunning(" << id(std::get<NotRunningRow>(row).app) << ")";
 }
 
 }  // namespace nemarro::suite
