@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace nemarro::suite {
+
+/// One step through UTF-8 text: the scalar at a position and how many bytes it took.
+struct Utf8Step {
+    char32_t scalar = 0;
+    size_t length = 1;
+    /// False for a byte that does not start a well-formed sequence (overlong
+    /// forms, surrogates and values past U+10FFFF included); `length` is then 1
+    /// and `scalar` is U+FFFD.
+    bool valid = true;
+};
+
+/// The scalar starting at `pos` (which must be inside `text`).
+Utf8Step utf8Step(std::string_view text, size_t pos);
+
+/// Appends `scalar` encoded as UTF-8.
+void appendUtf8(std::string& out, char32_t scalar);
+
+}  // namespace nemarro::suite
