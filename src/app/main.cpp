@@ -9,6 +9,8 @@
 
 #include "app/agents_command.h"
 #include "app/containers_command.h"
+#include "app/export_command.h"
+#include "app/history_command.h"
 #include "app/ports_command.h"
 #include "core/containers/port_container_mapper.h"
 #include "process/process_sampler.h"
@@ -73,5 +75,7 @@ int main(int argc, char** argv) {
         return emit(containersJson(readRuntimes(user.home, xdgRuntimeDir())));
     if (has(args, "--agents-json"))
         return emit(agentsJson(readAgents(user.home, user.uid).sessions));
+    if (has(args, "--history-json")) return emit(historyJson(user));
+    if (has(args, "--export")) return exportCommand(user, exportPath(args), xdgRuntimeDir());
     return printAll(user);
 }
