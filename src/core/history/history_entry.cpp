@@ -1,5 +1,6 @@
 #include "core/history/history_entry.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -136,19 +137,26 @@ class Cursor {
     // character, invalid UTF-8 or the end of the text.
     bool scanPlain() {
         while (p_ != end_) {
+            while (p_ != end_ && kPlainAscii[static_cast<unsigned char>(*p_)])
+                ++p_;
+            if (p_ == end_) return false;
             const auto c = static_cast<unsigned char>(*p_);
             if (c == '"' || c == '\\') return true;
-            if (c < 0x20) return false;
-            if (c < 0x80) {
-                ++p_;
-                continue;
-            }
+            if (c < 0x80) return false;  // a control character
             const size_t n = utf8Length(p_, end_);
             if (n == 0) return false;
             p_ += n;
         }
         return false;
     }
+
+    // Printable ASCII other than the quote and the backslash.
+    static constexpr auto kPlainAscii = [] {
+        std::array<bool, 256> plain{};
+        for (int c = 0x20; c < 0x80; ++c)
+            plain[static_cast<size_t>(c)] = c != '"' && c != '\\';
+        return plain;
+    }();
 
     bool skipString() {
         ++p_;
@@ -327,8 +335,7 @@ bool optionalString(Cursor& in, std::optional<std::string>& out) {
 }
 
 bool decodePort(Cursor& in, HistoryPort& port) {
-    bool havePort = false, haveProcess = false, haveExposure = false;
-    port.project.reset();
+    bool havePort = false, haveProcess = false, haveExposure = false, haveProject = false;
     const bool ok = in.object([&](std::string_view key) {
         if (key == "port") {
             int64_t n = 0;
@@ -338,9 +345,14 @@ bool decodePort(Cursor& in, HistoryPort& port) {
         }
         if (key == "process") return haveProcess = in.string(port.process);
         if (key == "exposure") return haveExposure = in.string(port.exposure);
-        if (key == "project") return optionalString(in, port.project);
+        if (key == "project") {
+            haveProject = true;
+            return optionalString(in, port.project);
+        }
         return in.skipValue();
     });
+    // The element may hold an earlier line's project, whose storage is reused.
+    if (!haveProject) port.project.reset();
     return ok && havePort && haveProcess && haveExposure;
 }
 
@@ -496,15 +508,17 @@ bool HistoryLineDecoder::decode(std::string_view line, HistoryEntry& entry) {
         }
         if (key == "ports") {
             const char* start = in.position();
-            if (!in.skipValue()) return false;
-            const std::string_view text(start, static_cast<size_t>(in.position() - start));
-            if (!havePrevious_ || text != previousPorts_) {
-                in.moveTo(start);
-                havePrevious_ = false;
-                if (!decodeList(in, entry.ports, decodePort)) return false;
-                previousPorts_.assign(text);
-                havePrevious_ = true;
+            // The previous line's ports text was checked when it was decoded;
+            // the same bytes here need no second look.
+            if (havePrevious_ &&
+                line.substr(static_cast<size_t>(start - line.data())).starts_with(previousPorts_)) {
+                in.moveTo(start + previousPorts_.size());
+                return havePorts = true;
             }
+            havePrevious_ = false;
+            if (!decodeList(in, entry.ports, decodePort)) return false;
+            previousPorts_.assign(start, in.position());
+            havePrevious_ = true;
             return havePorts = true;
         }
         if (key == "sessions") return haveSessions = decodeList(in, entry.sessions, decodeSession);

@@ -78,18 +78,21 @@ bool writeAll(int fd, std::string_view bytes) {
 /// even without its line feed.
 template <typename F>
 void eachLine(int fd, size_t maxBytes, size_t maxLine, F&& line) {
+    constexpr size_t kChunk = 1 << 20;
     std::string buffer;
     size_t total = 0;
     bool skipping = false;  // inside a line that is too long
-    char chunk[1 << 16];
     while (total < maxBytes) {
-        const ssize_t n = ::read(fd, chunk, std::min(sizeof chunk, maxBytes - total));
+        const size_t kept = buffer.size();
+        buffer.resize(kept + std::min(kChunk, maxBytes - total));
+        const ssize_t n = ::read(fd, buffer.data() + kept, buffer.size() - kept);
+        buffer.resize(kept + static_cast<size_t>(std::max<ssize_t>(n, 0)));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         total += static_cast<size_t>(n);
-        buffer.append(chunk, static_cast<size_t>(n));
         size_t start = 0;
-        for (size_t nl; (nl = buffer.find('\n', start)) != std::string::npos; start = nl + 1) {
+        for (size_t nl; (nl = buffer.find('\n', std::max(start, kept))) != std::string::npos;
+             start = nl + 1) {
             if (!skipping && nl > start) line(std::string_view(buffer).substr(start, nl - start));
             skipping = false;
         }

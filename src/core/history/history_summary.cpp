@@ -36,18 +36,22 @@ void HistorySummaryBuilder::add(const HistoryEntry& entry) {
     DayState& day = days_[date];
     ++day.entries;
 
-    if (previousDay_ != date || entry.ports != previousPorts_) {
-        previousIndices_.clear();
-        for (const auto& p : entry.ports) {
-            auto [it, added] = day.portIndex.try_emplace(p, day.ports.size());
-            if (added)
-                day.ports.push_back(
-                    {p.port, p.process, p.exposure, p.project, entry.time, entry.time});
-            previousIndices_.push_back(it->second);
-        }
-        previousPorts_ = entry.ports;
+    if (previousDay_ != date) {
+        previousPorts_.clear();
         previousDay_ = date;
     }
+    // Only the listeners that differ from the previous entry's, place by
+    // place, are looked up.
+    previousIndices_.resize(entry.ports.size());
+    for (size_t i = 0; i < entry.ports.size(); ++i) {
+        const HistoryPort& p = entry.ports[i];
+        if (i < previousPorts_.size() && previousPorts_[i] == p) continue;
+        auto [it, added] = day.portIndex.try_emplace(p, day.ports.size());
+        if (added)
+            day.ports.push_back({p.port, p.process, p.exposure, p.project, entry.time, entry.time});
+        previousIndices_[i] = it->second;
+    }
+    if (previousPorts_ != entry.ports) previousPorts_ = entry.ports;
     for (size_t index : previousIndices_)
         widen(day.ports[index], entry.time);
 

@@ -91,8 +91,8 @@ class HistorySummaryBuilder {
     CivilDate first_;
     CivilDate last_;
     std::map<CivilDate, DayState> days_;
-    // Consecutive entries usually list the same ports; their places in the
-    // day are then reused instead of looked up again.
+    // Consecutive entries usually list the same ports in the same order; the
+    // previous entry's places in the day are reused instead of looked up again.
     std::vector<HistoryPort> previousPorts_;
     std::vector<size_t> previousIndices_;
     std::optional<CivilDate> previousDay_;
