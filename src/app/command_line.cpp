@@ -10,6 +10,10 @@ constexpr std::array kOptions{
     OptionSpec{"--ports-json", "", "print the listening ports as JSON and exit"},
     OptionSpec{"--containers-json", "", "print the container runtimes as JSON and exit"},
     OptionSpec{"--agents-json", "", "print the coding-agent sessions as JSON and exit"},
+    OptionSpec{"--history-json", "", "print the last seven days of history as JSON and exit"},
+    OptionSpec{"--export", "PATH",
+               "write what is running now to PATH: Markdown, or JSON for a .json name; - for "
+               "standard output"},
     OptionSpec{"--help", "", "show this help and exit", "-h"},
     OptionSpec{"--version", "", "print the version and exit"},
 };

@@ -10,6 +10,8 @@
 #include "app/agents_command.h"
 #include "app/command_line.h"
 #include "app/containers_command.h"
+#include "app/export_command.h"
+#include "app/history_command.h"
 #include "app/ports_command.h"
 #include "app/terminal_text.h"
 #include "core/containers/port_container_mapper.h"
@@ -85,5 +87,8 @@ int main(int argc, char** argv) {
         return emit(containersJson(readRuntimes(user.home, xdgRuntimeDir())));
     if (hasOption("--agents-json", args))
         return emit(agentsJson(readAgents(user.home, user.uid).sessions));
+    if (hasOption("--history-json", args)) return emit(historyJson(user));
+    if (hasOption("--export", args))
+        return exportCommand(user, valueAfter("--export", args).value_or(""), xdgRuntimeDir());
     return printAll(user);
 }

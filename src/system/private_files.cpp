@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <random>
 
 namespace wharfy {
 namespace {
@@ -30,7 +29,7 @@ class Descriptor {
     int fd_;
 };
 
-bool writeAll(int fd, const std::string& bytes) {
+bool writeAll(int fd, std::string_view bytes) {
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
@@ -44,7 +43,11 @@ bool writeAll(int fd, const std::string& bytes) {
 }  // namespace
 
 std::string FileError::message() const {
-    return "Could not write " + path + " (" + std::strerror(error) + ").";
+    return "Could not write " + path + " (" + reason() + ").";
+}
+
+std::string FileError::reason() const {
+    return std::strerror(error);
 }
 
 std::string parentFolder(const std::string& path) {
@@ -72,26 +75,25 @@ Result<Ok, FileError> makePrivateFolder(const std::string& folder) {
     return Ok{};
 }
 
-Result<Ok, FileError> writePrivateFile(const std::string& path, const std::string& bytes) {
-    const std::string folder = parentFolder(path);
-    if (auto made = makePrivateFolder(folder); !made) return made;
-    std::random_device random;
-    std::string temporary;
-    int fd = -1;
-    for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
-        temporary = path + ".tmp-" + std::to_string(random());
-        fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd < 0 && errno != EEXIST) return FileError{path, errno};
-    }
-    if (fd < 0) return FileError{path, EEXIST};
-    Descriptor file(fd);
-    if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
-        const int error = errno ? errno : EIO;
+Result<Ok, FileError> writePrivateFile(const std::string& path, std::string_view bytes,
+                                       FolderPolicy policy) {
+    const auto slash = path.rfind('/');
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (name.empty() || name == "." || name == "..") return FileError{path, EISDIR};
+    if (policy == FolderPolicy::makePrivate)
+        if (auto made = makePrivateFolder(parentFolder(path)); !made) return made;
+    const std::string prefix = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    // mkostemp makes the file 0600 and never opens an existing name or link.
+    std::string temporary = prefix + "." + name + ".XXXXXX";
+    Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (file.get() < 0) return FileError{path, errno};
+    const bool written = writeAll(file.get(), bytes) && ::fsync(file.get()) == 0;
+    const int writeError = errno;
+    if (::close(file.release()) != 0 || !written) {
+        const int error = written ? errno : writeError;
         ::unlink(temporary.c_str());
-        return FileError{path, error};
+        return FileError{path, error ? error : EIO};
     }
-    ::close(file.release());
-    // rename replaces a symbolic link at `path` rather than writing through it.
     if (::rename(temporary.c_str(), path.c_str()) != 0) {
         const int error = errno;
         ::unlink(temporary.c_str());

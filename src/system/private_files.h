@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "common/result.h"
 
@@ -16,16 +17,27 @@ struct FileError {
     bool operator==(const FileError&) const = default;
     /// A sentence for the user, e.g. "Could not write /x/y (Permission denied).".
     std::string message() const;
+    /// The errno's text, e.g. "Permission denied".
+    std::string reason() const;
+};
+
+/// Whether writing a file may make its folder.
+enum class FolderPolicy {
+    /// Wharfy's own folders: made 0700 when missing, refused when a link.
+    makePrivate,
+    /// A folder the user named: it must exist, and may be reached by a link.
+    mustExist,
 };
 
 /// Makes `folder` and any missing parents with mode 0700. An existing folder
 /// is accepted only when it is a directory itself, not a symbolic link.
 Result<Ok, FileError> makePrivateFolder(const std::string& folder);
 
-/// Replaces `path` with `bytes` atomically: a new file (0600, never through
-/// a symbolic link) in the same folder, flushed, then renamed over `path`.
-/// The folder is made first, as `makePrivateFolder` does.
-Result<Ok, FileError> writePrivateFile(const std::string& path, const std::string& bytes);
+/// Replaces `path` with `bytes` as a whole or not at all: a new hidden file
+/// (0600, never an existing name or link) in the same folder, flushed, then
+/// renamed over `path`, so a link at `path` is replaced, never followed.
+Result<Ok, FileError> writePrivateFile(const std::string& path, std::string_view bytes,
+                                       FolderPolicy folder = FolderPolicy::makePrivate);
 
 /// The contents of the regular file `path`, read without following a
 /// symbolic link; absent when it cannot be read or is larger than `limit`.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "system/private_files.h"
@@ -41,7 +42,7 @@ TEST(PrivateFiles, WritesPrivatelyReplacesLinksAndRefusesLinkedFolders) {
     ASSERT_TRUE(writePrivateFile(file, "two").ok());
     EXPECT_EQ(contents(target), "keep");
     EXPECT_EQ(contents(file), "two");
-    EXPECT_EQ(modeOf(file) & S_IFMT, 0u) << "mode bits only";
+    EXPECT_EQ(modeOf(file), 0600u);
 
     // A folder that is a link is not written through.
     ASSERT_EQ(::symlink(dir.path().c_str(), (dir.path() + "/linked").c_str()), 0);
@@ -50,6 +51,17 @@ TEST(PrivateFiles, WritesPrivatelyReplacesLinksAndRefusesLinkedFolders) {
     EXPECT_EQ(refused.error().message(),
               "Could not write " + dir.path() + "/linked (Too many levels of symbolic links).");
     EXPECT_FALSE(readSmallFile(dir.path() + "/x", 100));
+
+    // A folder the user named may be a link, and is never made.
+    ASSERT_TRUE(writePrivateFile(dir.path() + "/linked/x", "yes", FolderPolicy::mustExist).ok());
+    EXPECT_EQ(contents(dir.path() + "/x"), "yes");
+    EXPECT_FALSE(writePrivateFile(dir.path() + "/new/x", "no", FolderPolicy::mustExist).ok());
+    size_t entries = 0;
+    for (const char* name : {"a", "target", "linked", "x"})
+        entries += ::access((dir.path() + "/" + name).c_str(), F_OK) == 0;
+    EXPECT_EQ(entries, 4u);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 4)
+        << "no temporary file is left behind";
 }
 
 TEST(PrivateFiles, ReadsOnlySmallRegularFilesNotThroughLinks) {
