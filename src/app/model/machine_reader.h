@@ -1,0 +1,57 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/result.h"
+#include "core/agents/agent_session.h"
+#include "core/containers/container_service.h"
+#include "core/containers/runtime_detector.h"
+#include "core/ports/port_row.h"
+
+namespace wharfy::app {
+
+/// What one refresh reads of processes and sockets, and the runtimes found.
+struct ProcessReading {
+    /// Port rows with no containers attached yet.
+    std::vector<PortRow> ports;
+    std::vector<AgentSession> sessions;
+    /// In detection order.
+    std::vector<RuntimeInfo> runtimes;
+
+    bool operator==(const ProcessReading&) const = default;
+};
+
+/// What one refresh reads of one runtime.
+struct RuntimeReading {
+    std::vector<ContainerInfo> containers;
+    /// The runtime's disk images on this computer, measured.
+    std::vector<DiskFile> diskFiles;
+    /// Why the containers could not be read, as a short cause for the user
+    /// ("the engine did not answer in time"); the containers are then empty.
+    std::optional<std::string> error;
+
+    bool operator==(const RuntimeReading&) const = default;
+};
+
+/// The app's access to the machine. Every call blocks and is made from a
+/// background thread, never from the model's. `readProcesses` is never called
+/// twice at once, nor `readRuntime` or `readSizes` twice at once for the same
+/// runtime; calls for different runtimes run in parallel.
+class MachineReader {
+  public:
+    virtual ~MachineReader() = default;
+
+    /// Processes, sockets, sessions and the runtimes found. CPU figures cover
+    /// the time since the previous call.
+    virtual ProcessReading readProcesses() = 0;
+    /// One runtime's containers and disk images.
+    virtual RuntimeReading readRuntime(const RuntimeInfo& runtime) = 0;
+    /// One runtime's disk-usage figures: the cached ones while they are fresh,
+    /// unless `afterChange`. The failure is a short cause for the user.
+    virtual Result<CachedSizes, std::string> readSizes(const RuntimeInfo& runtime,
+                                                       bool afterChange) = 0;
+};
+
+}  // namespace wharfy::app

@@ -1,0 +1,191 @@
+// The app model on a clock the test moves, over a described machine.
+#include <gtest/gtest.h>
+
+#include "app/model/app_model.h"
+#include "fake_machine_reader.h"
+#include "fake_notifier.h"
+#include "manual_event_loop.h"
+
+namespace wharfy::app {
+namespace {
+
+using testing::FakeHistory;
+using testing::FakeMachineReader;
+using testing::ManualEventLoop;
+using testing::MemorySettings;
+using testing::RecordingNotifier;
+
+PortRow row(uint16_t port, const char* name, AddressClass reach = AddressClass::thisMacOnly) {
+    PortRow r;
+    r.port = port;
+    r.pid = port;
+    r.startTime = 1;
+    r.processName = name;
+    r.addressClass = reach;
+    r.isOwnedByUser = true;
+    return r;
+}
+
+RuntimeInfo runtime(const char* context) {
+    RuntimeInfo info;
+    info.kind.value = RuntimeKind::Context{context};
+    info.displayName = context;
+    info.socketPath = std::string("/run/") + context + ".sock";
+    info.isRunning = true;
+    return info;
+}
+
+ContainerInfo container(const char* name, bool running) {
+    ContainerInfo c;
+    c.id = name;
+    c.names = {name};
+    c.state = running ? "running" : "exited";
+    return c;
+}
+
+struct ModelTest : ::testing::Test {
+    ManualEventLoop loop;
+    std::shared_ptr<FakeMachineReader> reader = std::make_shared<FakeMachineReader>();
+    std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
+    std::shared_ptr<FakeHistory> history = std::make_shared<FakeHistory>();
+    std::shared_ptr<MemorySettings> settings = std::make_shared<MemorySettings>();
+    std::vector<std::string> logged;
+
+    std::unique_ptr<AppModel> make(LaunchOptions options = LaunchOptions()) {
+        AppModelParts parts{
+            reader,  notifier, history, settings,
+            nullptr, options,  nullptr, [this](const std::string& m) { logged.push_back(m); }};
+        return std::make_unique<AppModel>(loop, std::move(parts));
+    }
+    /// Runs the loop until the model has finished a tick.
+    void tick(AppModel& model) {
+        ASSERT_TRUE(loop.drainUntil([&] { return !model.isRefreshing(); }));
+    }
+};
+
+TEST_F(ModelTest, PortsArePublishedBeforeASlowEngineAnswers) {
+    reader->processes.ports = {row(8080, "web", AddressClass::allNetworks)};
+    reader->processes.runtimes = {runtime("slow"), runtime("quick")};
+    reader->runtimeReadings["context(name: \"quick\")"] = {{container("q", true)}, {}, {}};
+    reader->runtimeReadings["context(name: \"slow\")"] = {{}, {}, "the engine did not answer"};
+    reader->hold("context(name: \"slow\")");
+    auto model = make();
+    int counts = 0;
+    model->didRefresh = [&](const WharfyCounts&) { ++counts; };
+    model->start();
+
+    ASSERT_TRUE(loop.drainUntil(
+        [&] { return model->runtimes().size() == 2 && model->runtimes()[1].running() == 1; }));
+    EXPECT_EQ(model->ports().size(), 1u);
+    EXPECT_EQ(model->lastRefresh(), loop.now());
+    EXPECT_FALSE(model->runtimeAnswered()) << "one engine is still being read";
+    EXPECT_EQ(model->suiteCounts().containersRunning, std::nullopt);
+    EXPECT_EQ(counts, 0);
+
+    reader->release("context(name: \"slow\")");
+    tick(*model);
+    EXPECT_TRUE(model->runtimeAnswered());
+    EXPECT_EQ(model->runtimes()[0].error,
+              "Could not read the runtime (the engine did not answer).");
+    EXPECT_EQ(model->suiteCounts(), (WharfyCounts{1, 1, 1, 0, false, 0}));
+    EXPECT_EQ(counts, 1);
+    EXPECT_EQ(loop.nextTimerIn(), AppModel::kHiddenInterval);
+    EXPECT_TRUE(loop.drainUntil([&] { return history->entries().size() == 1; }))
+        << "the first tick writes a line";
+}
+
+TEST_F(ModelTest, VisibilitySetsTheCadenceAndMarksAlertsSeen) {
+    LaunchOptions options;
+    options.qaUnseenAlerts = 3;
+    auto model = make(options);
+    model->start();
+    tick(*model);
+    EXPECT_TRUE(model->runtimeAnswered()) << "no runtime at all still answers";
+    EXPECT_EQ(model->suiteCounts().containersRunning, 0);
+    EXPECT_EQ(model->unseenAlerts(), 3);
+    EXPECT_EQ(loop.nextTimerIn(), 60.0);
+
+    loop.advance(10);  // a while later the app is shown: at once, then every 5 s
+    const auto before = reader->calls().size();
+    model->setVisible(true);
+    EXPECT_EQ(model->unseenAlerts(), 0);
+    tick(*model);
+    EXPECT_EQ(reader->calls().size(), before + 1);
+    EXPECT_EQ(loop.nextTimerIn(), 5.0);
+    loop.advance(5);
+    tick(*model);
+    EXPECT_EQ(reader->calls().size(), before + 2);
+
+    model->setWindowOpen(true);
+    model->setVisible(false);
+    tick(*model);
+    EXPECT_EQ(loop.nextTimerIn(), 60.0);
+    EXPECT_EQ(reader->calls().size(), before + 3) << "hiding refreshes at once too";
+}
+
+TEST_F(ModelTest, AlertsCountAsUnseenOnlyWhenRefusedAndKeepThatTickOutOfHistory) {
+    for (bool accepted : {false, true}) {
+        notifier->setAccepts(accepted);
+        history = std::make_shared<FakeHistory>();
+        reader->processes.ports = {row(3000, "dev")};
+        auto model = make();
+        model->refresh();
+        tick(*model);  // the baseline: nothing public yet
+        ASSERT_TRUE(loop.drainUntil([&] { return history->entries().size() == 1; }));
+
+        reader->processes.ports = {row(3000, "dev"), row(5432, "db", AddressClass::allNetworks),
+                                   row(6379, "cache", AddressClass::allNetworks)};
+        loop.advance(1);
+        model->refresh();
+        tick(*model);
+        ASSERT_TRUE(
+            loop.drainUntil([&] { return notifier->posted().size() == (accepted ? 4u : 2u); }));
+        loop.drainUntil([] { return false; }, std::chrono::milliseconds(50));
+        EXPECT_EQ(model->unseenAlerts(), accepted ? 0 : 2) << accepted;
+        EXPECT_EQ(history->entries().size(), 1u) << "a tick with alerts writes no history";
+
+        loop.advance(1);
+        model->refresh();
+        tick(*model);
+        EXPECT_TRUE(loop.drainUntil([&] { return history->entries().size() == 2; }))
+            << "the ports changed since the last line";
+    }
+    const auto posted = notifier->posted();
+    EXPECT_NE(posted[0].identifier, posted[1].identifier);
+}
+
+TEST_F(ModelTest, ThresholdsSettingsAndSearch) {
+    for (double stored : {0.0, -2.0}) {
+        settings->values["memoryThresholdGB"] = stored;
+        auto model = make();
+        EXPECT_EQ(model->memoryThresholdGB(), 4.0);
+        EXPECT_EQ(model->monitor().thresholds().memoryBytes, 4'294'967'296u);
+    }
+    settings->values["alertSettings"] = "not an object";
+    auto model = make();
+    EXPECT_EQ(model->alertSettings(), AlertSettings{});
+    model->setMemoryThresholdGB(1.5);
+    EXPECT_EQ(model->monitor().thresholds().memoryBytes, 1'610'612'736u);
+    AlertSettings quiet;
+    quiet.publicListener = false;
+    model->setAlertSettings(quiet);
+    EXPECT_EQ(make()->alertSettings(), quiet) << "stored and read back";
+    EXPECT_EQ(make()->memoryThresholdGB(), 1.5);
+    EXPECT_EQ(AppModel::gibibytes(1e12), std::nullopt);
+
+    std::vector<PortRow> rows{row(5432, "postgres"), row(54321, "other"), row(80, "Web5432")};
+    rows[1].project = ProjectInfo{"~/src/Shop", true};
+    auto ports = [](const std::vector<PortRow>& r) {
+        std::vector<uint16_t> out;
+        for (const auto& x : r)
+            out.push_back(x.port);
+        return out;
+    };
+    EXPECT_EQ(ports(AppModel::filter(rows, " 5432 \n")), std::vector<uint16_t>{5432});
+    EXPECT_EQ(ports(AppModel::filter(rows, "shop")), std::vector<uint16_t>{54321});
+    EXPECT_EQ(ports(AppModel::filter(rows, "WEB")), std::vector<uint16_t>{80});
+    EXPECT_EQ(AppModel::filter(rows, "  ").size(), 3u);
+}
+
+}  // namespace
+}  // namespace wharfy::app
