@@ -10,6 +10,7 @@ namespace wharfy::app {
 namespace {
 
 using testing::FakeHistory;
+using testing::FakeMachineActions;
 using testing::FakeMachineReader;
 using testing::ManualEventLoop;
 using testing::MemorySettings;
@@ -43,18 +44,32 @@ ContainerInfo container(const char* name, bool running) {
     return c;
 }
 
+StopPlan planFor(nemarro::process::ProcessIdentity identity, const char* name) {
+    StopPlan plan;
+    plan.target.identity = identity;
+    plan.target.name = name;
+    plan.shown = plan.target;
+    return plan;
+}
+
 struct ModelTest : ::testing::Test {
     ManualEventLoop loop;
     std::shared_ptr<FakeMachineReader> reader = std::make_shared<FakeMachineReader>();
+    std::shared_ptr<FakeMachineActions> actions = std::make_shared<FakeMachineActions>();
     std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
     std::shared_ptr<FakeHistory> history = std::make_shared<FakeHistory>();
     std::shared_ptr<MemorySettings> settings = std::make_shared<MemorySettings>();
     std::vector<std::string> logged;
 
     std::unique_ptr<AppModel> make(LaunchOptions options = LaunchOptions()) {
-        AppModelParts parts{
-            reader,  notifier, history, settings,
-            nullptr, options,  nullptr, [this](const std::string& m) { logged.push_back(m); }};
+        AppModelParts parts;
+        parts.reader = reader;
+        parts.actions = actions;
+        parts.notifier = notifier;
+        parts.history = history;
+        parts.settings = settings;
+        parts.options = options;
+        parts.log = [this](const std::string& m) { logged.push_back(m); };
         return std::make_unique<AppModel>(loop, std::move(parts));
     }
     /// Runs the loop until the model has finished a tick.
@@ -185,6 +200,40 @@ TEST_F(ModelTest, ThresholdsSettingsAndSearch) {
     EXPECT_EQ(ports(AppModel::filter(rows, "shop")), std::vector<uint16_t>{54321});
     EXPECT_EQ(ports(AppModel::filter(rows, "WEB")), std::vector<uint16_t>{80});
     EXPECT_EQ(AppModel::filter(rows, "  ").size(), 3u);
+}
+
+TEST_F(ModelTest, AConfirmedStopActsOnThePlanShownThenReportsAndRefreshes) {
+    const PortRow web = row(3000, "node");
+    actions->plans.insert_or_assign("node", planFor({3000, 1}, "node"));
+    actions->plans.insert_or_assign("zsh", std::string("Wharfy never stops zsh."));
+    auto model = make();
+
+    model->requestStop(row(22, "zsh"));
+    ASSERT_TRUE(loop.drainUntil([&] { return model->notice().has_value(); }));
+    EXPECT_EQ(model->notice()->text, "Wharfy never stops zsh.");
+    EXPECT_FALSE(model->pending());
+
+    model->requestStop(web);
+    ASSERT_TRUE(loop.drainUntil([&] { return model->pending().has_value(); }));
+    const StopPlan shown = model->pending()->as<PendingAction::Stop>()->plan;
+    // What refreshes bring meanwhile changes nothing the confirmation will do.
+    actions->plans.insert_or_assign("node", planFor({4000, 9}, "other"));
+    model->requestStop(row(4000, "node"));
+    loop.drainUntil([] { return false; }, std::chrono::milliseconds(20));
+    EXPECT_EQ(model->pending()->as<PendingAction::Stop>()->plan, shown);
+
+    const auto callsBefore = reader->calls().size();
+    model->confirm();
+    EXPECT_TRUE(model->isWorking());
+    ASSERT_TRUE(loop.drainUntil([&] { return !model->isWorking() && !model->isRefreshing(); }));
+    EXPECT_EQ(actions->stopped(), std::vector<StopPlan>{shown});
+    EXPECT_EQ(model->notice()->text, "Stopped. Port 3000 is free.");
+    EXPECT_GT(reader->calls().size(), callsBefore) << "a refresh follows the report";
+
+    model->requestStop(web);
+    ASSERT_TRUE(loop.drainUntil([&] { return model->pending().has_value(); }));
+    model->cancelPending();
+    EXPECT_EQ(actions->stopped().size(), 1u) << "a cancelled plan signals nothing";
 }
 
 }  // namespace

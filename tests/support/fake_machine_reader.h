@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/model/history_access.h"
+#include "app/model/machine_actions.h"
 #include "app/model/machine_reader.h"
 
 namespace wharfy::testing {
@@ -61,6 +62,60 @@ class FakeMachineReader final : public app::MachineReader {
     std::condition_variable released_;
     std::set<std::string> held_;
     std::vector<std::string> calls_;
+};
+
+/// Plans and actions the test decides: the plan (or refusal) for a process
+/// name, and every stop carried out, recorded.
+class FakeMachineActions final : public app::MachineActions {
+  public:
+    std::map<std::string, Result<StopPlan, std::string>> plans;
+
+    Result<StopPlan, std::string> planStop(const PortRow& row) override {
+        return planFor(row.processName, row.port);
+    }
+    Result<StopPlan, std::string> planStop(const nemarro::process::ProcessRef& process) override {
+        return planFor(process.name, std::nullopt);
+    }
+    Result<StopPlan, std::string> planStop(const AgentSession& session) override {
+        return planFor(session.root.name, std::nullopt);
+    }
+    Result<StopReport, std::string> stop(const StopPlan& plan, bool) override {
+        std::lock_guard lock(mutex_);
+        stopped_.push_back(plan);
+        return StopReport{plan, {ProcessStopOutcome::StoppedPortFree{}}, {}};
+    }
+    Result<DockerCommand, std::string> command(const RuntimeInfo&,
+                                               const ContainerAction&) override {
+        return DockerCommand{"/usr/bin/docker", {"container", "prune"}};
+    }
+    Result<ActionReport, std::string> perform(const RuntimeInfo&,
+                                              const ContainerAction& action) override {
+        std::lock_guard lock(mutex_);
+        performed_.push_back(action);
+        ActionReport report;
+        report.command = DockerCommand{"/usr/bin/docker", {"container", "prune"}};
+        report.succeeded = true;
+        return report;
+    }
+
+    std::vector<StopPlan> stopped() const {
+        std::lock_guard lock(mutex_);
+        return stopped_;
+    }
+
+  private:
+    Result<StopPlan, std::string> planFor(const std::string& name, std::optional<uint16_t> port) {
+        std::lock_guard lock(mutex_);
+        auto it = plans.find(name);
+        if (it == plans.end()) return std::string("no plan");
+        if (!it->second) return it->second;
+        StopPlan plan = it->second.value();
+        if (!plan.port) plan.port = port;
+        return plan;
+    }
+    mutable std::mutex mutex_;
+    std::vector<StopPlan> stopped_;
+    std::vector<ContainerAction> performed_;
 };
 
 /// A history folder in memory.

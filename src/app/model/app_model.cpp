@@ -457,6 +457,116 @@ void AppModel::dump(const std::string& path) {
         });
 }
 
+template <typename Plan>
+void AppModel::planThen(Plan plan, bool isSession) {
+    // One request at a time: a plan being made, a confirmation on screen or
+    // an action running all come first.
+    if (!parts_.actions || isPlanning_ || pending_ || isWorking_) return;
+    isPlanning_ = true;
+    runInBackground(
+        loop_, alive_, std::move(plan), [this, isSession](Result<StopPlan, std::string> planned) {
+            isPlanning_ = false;
+            if (planned)
+                pending_ = PendingAction{PendingAction::Stop{planned.value(), isSession}};
+            else
+                showNotice(planned.error(), true);
+            publish();
+        });
+}
+
+void AppModel::requestStop(const PortRow& row) {
+    planThen([actions = parts_.actions, row] { return actions->planStop(row); }, false);
+}
+
+void AppModel::requestStop(const nemarro::process::ProcessRef& process) {
+    planThen([actions = parts_.actions, process] { return actions->planStop(process); }, false);
+}
+
+void AppModel::requestStop(const AgentSession& session) {
+    planThen([actions = parts_.actions, session] { return actions->planStop(session); }, true);
+}
+
+void AppModel::requestContainerAction(const RuntimeInfo& runtime, ContainerAction action) {
+    if (!parts_.actions || isPlanning_ || pending_ || isWorking_) return;
+    isPlanning_ = true;
+    runInBackground(
+        loop_, alive_,
+        [actions = parts_.actions, runtime, action] { return actions->command(runtime, action); },
+        [this, runtime, action](Result<DockerCommand, std::string> command) {
+            isPlanning_ = false;
+            if (command)
+                pending_ =
+                    PendingAction{PendingAction::Container{runtime, action, command.value()}};
+            else
+                showNotice(command.error(), true);
+            publish();
+        });
+}
+
+void AppModel::cancelPending() {
+    if (!pending_ || isWorking_) return;
+    pending_.reset();
+    publish();
+}
+
+void AppModel::clearNotice() {
+    if (!notice_) return;
+    notice_.reset();
+    publish();
+}
+
+void AppModel::showNotice(std::string text, bool isError) {
+    notice_ = Notice{std::move(text), isError, loop_.now()};
+}
+
+void AppModel::confirm() {
+    if (!pending_ || isWorking_) return;
+    const PendingAction action = *pending_;
+    pending_.reset();
+    isWorking_ = true;
+    publish();
+    auto done = [this](std::string message, bool isError, bool changedDisk) {
+        isWorking_ = false;
+        showNotice(std::move(message), isError);
+        publish();
+        restartLoop();
+        if (changedDisk) loadSizes(true);
+    };
+    if (const auto* stop = action.as<PendingAction::Stop>()) {
+        runInBackground(
+            loop_, alive_,
+            [actions = parts_.actions, plan = stop->plan, session = stop->isSession] {
+                return actions->stop(plan, session);
+            },
+            [done](Result<StopReport, std::string> report) {
+                if (report)
+                    done(report.value().message(),
+                         report.value().outcome.is<ProcessStopOutcome::SignalFailed>(), false);
+                else
+                    done(report.error(), true, false);
+            });
+        return;
+    }
+    const auto* container = action.as<PendingAction::Container>();
+    runInBackground(
+        loop_, alive_,
+        [actions = parts_.actions, runtime = container->runtime, act = container->action] {
+            return actions->perform(runtime, act);
+        },
+        [this, done](Result<ActionReport, std::string> report) {
+            if (!report) return done(report.error(), true, false);
+            lastContainerReport_ = report.value();
+            const ActionReport& r = report.value();
+            std::string text = r.succeeded ? "Done: " + r.command.display() + "."
+                                           : "The command failed: " + r.command.display() + ".";
+            if (r.stopOutcome == StopOutcome::stillRunning)
+                text = "The container is still running after one SIGTERM.";
+            else if (r.stopOutcome == StopOutcome::stopped)
+                text = "The container stopped.";
+            done(std::move(text), !r.succeeded, true);
+        });
+}
+
 void AppModel::log(const std::string& message) const {
     if (parts_.log) parts_.log(message);
 }

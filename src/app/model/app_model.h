@@ -8,11 +8,13 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "app/launch_options.h"
 #include "app/loop/event_loop.h"
 #include "app/model/history_access.h"
+#include "app/model/machine_actions.h"
 #include "app/model/machine_reader.h"
 #include "app/settings_file.h"
 #include "core/agents/agent_monitor.h"
@@ -59,9 +61,47 @@ struct WharfyCounts {
     nlohmann::json json() const;
 };
 
+/// A change waiting for the user's yes: exactly what will be done. It is
+/// frozen when it is shown; no refresh changes what it acts on.
+struct PendingAction {
+    /// One SIGTERM to the plan's target.
+    struct Stop {
+        StopPlan plan;
+        bool isSession = false;
+        bool operator==(const Stop&) const = default;
+    };
+    /// One docker command against one runtime.
+    struct Container {
+        RuntimeInfo runtime;
+        ContainerAction action;
+        DockerCommand command;
+        bool operator==(const Container&) const = default;
+    };
+    std::variant<Stop, Container> value;
+
+    bool operator==(const PendingAction&) const = default;
+    template <typename T>
+    const T* as() const {
+        return std::get_if<T>(&value);
+    }
+};
+
+/// A result message shown until the next key press or for 10 s.
+struct Notice {
+    /// Holds machine text: escape it for the screen.
+    std::string text;
+    bool isError = false;
+    /// When it was posted (seconds since 1970).
+    double at = 0;
+
+    bool operator==(const Notice&) const = default;
+};
+
 /// Everything the model needs from outside itself.
 struct AppModelParts {
     std::shared_ptr<MachineReader> reader;
+    /// May be null for a model that only shows.
+    std::shared_ptr<MachineActions> actions;
     std::shared_ptr<Notifier> notifier;
     std::shared_ptr<HistoryAccess> history;
     std::shared_ptr<SettingsStore> settings;
@@ -142,6 +182,26 @@ class AppModel {
 
     const AgentMonitor& monitor() const { return monitor_; }
 
+    // The action flow: plan, confirm, act, report.
+    /// Plans the stop of a row's process; shows its confirmation, or its
+    /// refusal as a notice. Nothing is signalled yet.
+    void requestStop(const PortRow& row);
+    void requestStop(const nemarro::process::ProcessRef& process);
+    void requestStop(const AgentSession& session);
+    /// Shows the confirmation of a container action with its exact command.
+    void requestContainerAction(const RuntimeInfo& runtime, ContainerAction action);
+    /// Carries out the pending action; its report becomes the notice and a
+    /// refresh follows at once.
+    void confirm();
+    void cancelPending();
+    const std::optional<PendingAction>& pending() const { return pending_; }
+    const std::optional<Notice>& notice() const { return notice_; }
+    void clearNotice();
+    /// An action is running (from its confirmation until its report).
+    bool isWorking() const { return isWorking_; }
+    /// The report of the last container action, for its details.
+    const std::optional<ActionReport>& lastContainerReport() const { return lastContainerReport_; }
+
     // Derived values.
     int containersRunning() const;
     int agentsBusy() const;
@@ -177,6 +237,9 @@ class AppModel {
     std::vector<PortRow> attached(std::vector<PortRow> rows) const;
     void publish();
     void log(const std::string& message) const;
+    void showNotice(std::string text, bool isError);
+    template <typename Plan>
+    void planThen(Plan plan, bool isSession);
 
     EventLoop& loop_;
     AppModelParts parts_;
@@ -201,6 +264,11 @@ class AppModel {
     AlertEngine alertEngine_;
     AgentMonitor monitor_;
     bool runtimeAnswered_ = false;
+    std::optional<PendingAction> pending_;
+    std::optional<Notice> notice_;
+    bool isWorking_ = false;
+    bool isPlanning_ = false;
+    std::optional<ActionReport> lastContainerReport_;
 
     bool running_ = false;
     bool isPrimary_ = true;
