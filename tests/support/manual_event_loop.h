@@ -33,6 +33,17 @@ class ManualEventLoop final : public app::EventLoop {
         pool_.submit(std::move(work));
     }
     double now() const override { return now_; }
+    /// Watched descriptors are not polled; a test calls `ready(fd)` itself.
+    void watch(int fd, Task ready) override { watches_[fd] = std::move(ready); }
+    void unwatch(int fd) override { watches_.erase(fd); }
+    /// Plays "`fd` can be read": runs its watcher, if any. Whether there was one.
+    bool ready(int fd) {
+        auto it = watches_.find(fd);
+        if (it == watches_.end()) return false;
+        Task copy = it->second;
+        copy();
+        return true;
+    }
 
     /// Runs every posted task, including those posted meanwhile.
     void drain() {
@@ -113,6 +124,7 @@ class ManualEventLoop final : public app::EventLoop {
     double now_;
     std::shared_ptr<Queue> mailbox_;
     std::map<TimerId, Timer> timers_;
+    std::map<int, Task> watches_;
     TimerId next_ = 1;
     app::WorkerPool pool_;
 };

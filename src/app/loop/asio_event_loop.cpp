@@ -96,7 +96,7 @@ void AsioEventLoop::onEndingSignal(std::function<void(int)> handler) {
     signals_.async_wait(Wait{this});
 }
 
-void AsioEventLoop::watch(int fd, std::function<void()> ready) {
+void AsioEventLoop::watch(int fd, Task ready) {
     auto w = std::make_shared<Watch>(io_, fd, std::move(ready));
     watches_[fd] = w;
     struct Wait {

@@ -30,9 +30,8 @@ class AsioEventLoop final : public EventLoop {
 
     /// Calls `handler` on the loop when SIGTERM, SIGINT or SIGHUP arrives.
     void onEndingSignal(std::function<void(int signal)> handler);
-    /// Calls `ready` on the loop each time `fd` can be read, until `unwatch`.
-    void watch(int fd, std::function<void()> ready);
-    void unwatch(int fd);
+    void watch(int fd, Task ready) override;
+    void unwatch(int fd) override;
 
     /// Runs tasks until `stop`.
     void run();

@@ -37,6 +37,10 @@ class EventLoop {
     virtual void cancel(TimerId timer) = 0;
     /// Runs `work` on a background thread.
     virtual void background(Task work) = 0;
+    /// Calls `ready` on the loop's thread each time `fd` can be read, until
+    /// `unwatch`. The descriptor stays the caller's.
+    virtual void watch(int fd, Task ready) = 0;
+    virtual void unwatch(int fd) = 0;
     /// The wall-clock time, seconds since 1970: the `now` of every rule.
     virtual double now() const = 0;
 };
