@@ -62,13 +62,16 @@ std::vector<std::string> stringsAt(const json& object, const char* key, const ch
 std::optional<int64_t> integerAt(const json& object, const char* key, const char* context) {
     const json* v = field(object, key);
     if (!v) return std::nullopt;
-    if (v->is_number_integer()) return v->get<int64_t>();
+    // Unsigned first: the JSON reader counts an unsigned number as an integer
+    // too, and reading one above INT64_MAX as signed would wrap it negative.
+    // Beyond the signed range a broken engine's figure is held at the largest
+    // one instead.
     if (v->is_number_unsigned()) {
-        auto u = v->get<uint64_t>();
-        if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
-            throw Malformed(where(context, key) + " is out of range");
-        return static_cast<int64_t>(u);
+        const auto u = v->get<uint64_t>();
+        constexpr auto kMax = std::numeric_limits<int64_t>::max();
+        return u > static_cast<uint64_t>(kMax) ? kMax : static_cast<int64_t>(u);
     }
+    if (v->is_number_integer()) return v->get<int64_t>();
     throw Malformed(where(context, key) + " is not an integer");
 }
 
@@ -195,6 +198,21 @@ std::vector<ContainerInfo> decodeContainerList(const json& root) {
     return out;
 }
 
+/// `total` plus `size`, a negative size counted as 0, held at the largest
+/// value instead of overflowing.
+int64_t addSize(int64_t total, int64_t size) {
+    constexpr auto kMax = std::numeric_limits<int64_t>::max();
+    if (size <= 0) return total;
+    return size > kMax - total ? kMax : total + size;
+}
+
+/// Digits and dots, as "1.41": the text goes into every request path.
+bool isApiVersion(const std::string& text) {
+    if (text.empty() || text.size() > 16 || text.front() < '0' || text.front() > '9') return false;
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || c == '.'; });
+}
+
 bool isStoppedState(const std::string& state) {
     return state == "exited" || state == "created" || state == "dead";
 }
@@ -228,29 +246,32 @@ std::vector<DiskUsage::Volume> DiskUsage::unusedVolumes() const {
 int64_t DiskUsage::reclaimableBuildCache() const {
     int64_t total = 0;
     for (const auto& b : buildCache)
-        if (!b.inUse) total += std::max<int64_t>(0, b.size);
+        if (!b.inUse) total = addSize(total, b.size);
     return total;
 }
 
 int64_t DiskUsage::imagesSize() const {
     int64_t total = 0;
     for (const auto& i : images)
-        total += std::max<int64_t>(0, i.size);
+        total = addSize(total, i.size);
     return total;
 }
 
 int64_t DiskUsage::volumesSize() const {
     int64_t total = 0;
     for (const auto& v : volumes)
-        total += std::max<int64_t>(0, v.size);
+        total = addSize(total, v.size);
     return total;
 }
 
 Result<EngineVersion, DecodeError> EngineDecoder::version(std::string_view body) {
     return decodeWith<EngineVersion>(body, [](const json& root) {
         requireObject(root, "version");
-        return EngineVersion{stringAt(root, "Version", "version", true),
-                             stringAt(root, "ApiVersion", "version", true)};
+        EngineVersion v{stringAt(root, "Version", "version", true),
+                        stringAt(root, "ApiVersion", "version", true)};
+        if (!isApiVersion(v.apiVersion))
+            throw Malformed(where("version", "ApiVersion") + " is not a version number");
+        return v;
     });
 }
 

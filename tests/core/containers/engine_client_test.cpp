@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <limits>
 #include <memory>
 
 #include "core/containers/engine_client.h"
@@ -101,6 +103,17 @@ TEST_F(EngineClientTest, FailedVersionStopsEveryVersionedCallBeforeTheDataReques
     EXPECT_EQ(expected.description(), "http(status: 500)");
 }
 
+TEST_F(EngineClientTest, AnApiVersionThatIsNotANumberIsNeverSent) {
+    for (const char* api : {"1.41/../../x", "1.41 HTTP/1.0", "", "v1.41", "1.41?all=0"}) {
+        transport->requests.clear();
+        answer("/version", 200, std::string(R"({"Version":"x","ApiVersion":")") + api + "\"}");
+        auto r = client.containers();
+        ASSERT_FALSE(r.ok()) << api;
+        EXPECT_TRUE(std::holds_alternative<DecodeError>(r.error().value)) << api;
+        EXPECT_EQ(transport->requests, std::vector<std::string>{"/version"}) << api;
+    }
+}
+
 TEST_F(EngineClientTest, OnlyStatus200IsAccepted) {
     for (int status : {201, 204, 404}) {
         answerContainers("[]");
@@ -186,6 +199,49 @@ TEST(DiskUsageDecodingTest, BothGenerationsOfKeysReadAlike) {
     EXPECT_EQ(u.unusedVolumes()[0].name, "v1");
     ASSERT_EQ(u.stoppedContainers().size(), 1u);
     EXPECT_EQ(u.stoppedContainers()[0].id, "c1");
+}
+
+TEST(DiskUsageDecodingTest, SumsNeverOverflowWhateverTheSizes) {
+    // INT64_MAX is 9223372036854775807; beyond it a size is held there, and so
+    // is every sum.
+    struct Case {
+        const char* sizes;
+        int64_t total;
+    };
+    constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+    const Case cases[] = {
+        {"1,2", 3},
+        {"9223372036854775807,1", kMax},
+        {"9223372036854775807,9223372036854775807,9223372036854775807", kMax},
+        {"9223372036854775808", kMax},
+        {"18446744073709551615,5", kMax},
+        {"9223372036854775000,-9223372036854775808,900", kMax},
+        {"-1,-9223372036854775808", 0},
+    };
+    for (const auto& c : cases) {
+        std::string images, volumes, cache;
+        std::string list = c.sizes;
+        for (size_t at = 0, i = 0; at <= list.size(); ++i) {
+            size_t comma = std::min(list.find(',', at), list.size());
+            const std::string size = list.substr(at, comma - at);
+            const std::string sep = i == 0 ? "" : ",";
+            images += sep + R"({"Id":"i","Size":)" + size + "}";
+            volumes += sep + R"({"Name":"v","UsageData":{"Size":)" + size + "}}";
+            cache += sep + R"({"ID":"b","InUse":false,"Size":)" + size + "}";
+            at = comma + 1;
+        }
+        auto r = EngineDecoder::diskUsage(R"({"Images":[)" + images + R"(],"Volumes":[)" + volumes +
+                                          R"(],"BuildCache":[)" + cache + "]}");
+        ASSERT_TRUE(r.ok()) << c.sizes << ": " << r.error().description;
+        EXPECT_EQ(r.value().imagesSize(), c.total) << c.sizes;
+        EXPECT_EQ(r.value().volumesSize(), c.total) << c.sizes;
+        EXPECT_EQ(r.value().reclaimableBuildCache(), c.total) << c.sizes;
+    }
+    auto huge = EngineDecoder::diskUsage(R"({"Images":[{"Id":"i","Size":18446744073709551615}]})");
+    ASSERT_TRUE(huge.ok());
+    EXPECT_EQ(huge.value().images[0].size, kMax);
+    // Past the unsigned range the number is no integer at all.
+    EXPECT_FALSE(EngineDecoder::diskUsage(R"({"Images":[{"Id":"i","Size":1e30}]})").ok());
 }
 
 TEST(DiskUsageDecodingTest, OlderKeyWinsAndAbsentListsAreEmpty) {
