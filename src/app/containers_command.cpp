@@ -133,19 +133,19 @@ std::string containersText(const std::vector<RuntimeReport>& reports) {
         }
         if (r.sizes) {
             const DiskUsage& u = r.sizes->usage;
-            out += "  Images " + gigabytes(nonNegative(u.imagesSize())) + " (" +
+            out += "  Images " + formatBytes(nonNegative(u.imagesSize())) + " (" +
                    std::to_string(u.images.size()) + ", " +
                    std::to_string(r.sizes->danglingImageIDs.size()) + " dangling), volumes " +
-                   gigabytes(nonNegative(u.volumesSize())) + " (" +
+                   formatBytes(nonNegative(u.volumesSize())) + " (" +
                    std::to_string(u.volumes.size()) + ", " +
                    std::to_string(u.unusedVolumes().size()) + " unused), reclaimable build cache " +
-                   gigabytes(nonNegative(u.reclaimableBuildCache())) + "\n";
+                   formatBytes(nonNegative(u.reclaimableBuildCache())) + "\n";
         }
         if (auto total = allocatedTotal(r.diskFiles)) {
-            out += "  Disk images on this computer " + gigabytes(*total) + "\n";
+            out += "  Disk images on this computer " + formatBytes(*total) + "\n";
             for (const auto& f : r.diskFiles)
-                out += "    " + terminalSafe(f.path) + "  " + gigabytes(f.allocatedBytes) + " of " +
-                       gigabytes(f.nominalBytes) + "\n";
+                out += "    " + terminalSafe(f.path) + "  " + formatBytes(f.allocatedBytes) +
+                       " of " + formatBytes(f.nominalBytes) + "\n";
             out += "  " + std::string(diskImageNote()) + "\n";
         }
     }

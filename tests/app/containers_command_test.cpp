@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "app/containers_command.h"
+#include "app/terminal_text.h"
 
 namespace wharfy::app {
 namespace {
@@ -81,6 +82,26 @@ TEST(ContainersCommandTest, TextShowsStateContainersAndSizesSafely) {
     EXPECT_NE(text.find("Images 2.0 GB (2, 1 dangling)"), std::string::npos) << text;
     EXPECT_NE(text.find("Not running. Wharfy never starts a runtime."), std::string::npos);
     EXPECT_NE(containersText({}).find("No container runtime found"), std::string::npos);
+}
+
+TEST(FormatBytesTest, FittingDecimalUnits) {
+    struct Case {
+        uint64_t bytes;
+        const char* text;
+    };
+    const Case cases[] = {
+        {0, "0 B"},
+        {999, "999 B"},
+        {1000, "1.0 KB"},
+        {2'000'000, "2.0 MB"},
+        {999'949, "999.9 KB"},
+        {999'950, "1.0 MB"},
+        {5'200'000'000, "5.2 GB"},
+        {1'500'000'000'000, "1.5 TB"},
+        {UINT64_MAX, "18446744.1 TB"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(formatBytes(c.bytes), c.text) << c.bytes;
 }
 
 }  // namespace
