@@ -75,7 +75,7 @@ TEST_F(PodmanEngineTest, DetectsTheEngineFromItsSocket) {
         return r.kind == RuntimeKind{RuntimeKind::Podman{}};
     });
     ASSERT_NE(podman, found.end());
-    EXPECT_TRUE(podman->isRunning);
+    EXPECT_TRUE(podman->isRunning());
     EXPECT_EQ(podman->socketPath, engine().socketPath());
     EXPECT_TRUE(podman->diskImagePaths.empty());
 
@@ -138,7 +138,7 @@ TEST_F(PodmanEngineTest, DiskUsageSeesAnUnusedVolumeAndADanglingImage) {
     ASSERT_TRUE(engine().importImage(tag).has_value());  // leaves the first one untagged
 
     auto service = ContainerService::forSocket(engine().socketPath());
-    auto sizes = service.sizes(false);
+    auto sizes = service->sizes(false);
     ASSERT_TRUE(sizes.ok()) << sizes.error().description();
     auto unused = sizes.value().usage.unusedVolumes();
     EXPECT_TRUE(std::any_of(unused.begin(), unused.end(),
