@@ -7,6 +7,8 @@
 //                     drip     a status line, then one byte per --interval-ms
 //                     huge     a 200 MB body, sent as fast as it is read
 //                     headers  a status line, then header lines without end
+//                     many     a well-formed answer of 30 MB of "{}," (ten
+//                              million JSON values)
 //                     silent   reads the request and never answers
 //   --ping-ok         answer "/_ping" well whatever the mode
 //   --interval-ms N   the drip's pace (default 1000)
@@ -127,6 +129,11 @@ void serve(int client) {
             for (size_t sent = 0; sent < kBody; sent += block.size())
                 if (!sendAll(client, block.data(), std::min(block.size(), kBody - sent))) break;
         }
+    } else if (mode == "many") {
+        std::string body = "[{}";
+        while (body.size() < 30u * 1000 * 1000)
+            body += ",{}";
+        sendText(client, response(200, body + "]"));
     } else if (mode == "headers") {
         static const std::string line = "X-Filler: " + std::string(100, 'h') + "\r\n";
         if (sendText(client, "HTTP/1.1 200 OK\r\n")) {

@@ -178,10 +178,46 @@ DiskUsage decodeDiskUsage(const json& root) {
     return usage;
 }
 
+/// Counts a body's values without building anything; stops past the limit.
+class ValueCounter final : public nlohmann::json_sax<json> {
+  public:
+    size_t values = 0;
+
+    bool null() override { return count(); }
+    bool boolean(bool) override { return count(); }
+    bool number_integer(number_integer_t) override { return count(); }
+    bool number_unsigned(number_unsigned_t) override { return count(); }
+    bool number_float(number_float_t, const string_t&) override { return count(); }
+    bool string(string_t&) override { return count(); }
+    bool binary(binary_t&) override { return count(); }
+    bool start_object(std::size_t) override { return count(); }
+    bool key(string_t&) override { return true; }
+    bool end_object() override { return true; }
+    bool start_array(std::size_t) override { return count(); }
+    bool end_array() override { return true; }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        return false;
+    }
+
+  private:
+    bool count() { return ++values <= EngineDecoder::kMaxJsonValues; }
+};
+
+/// The body as a JSON tree, refused when it holds more than kMaxJsonValues
+/// values: a tree costs tens of bytes per value, so 32 MiB of "{}," would
+/// otherwise take most of a gigabyte. The count runs first, on its own.
+json parseBounded(std::string_view body) {
+    ValueCounter counter;
+    json::sax_parse(body.begin(), body.end(), &counter);
+    if (counter.values > EngineDecoder::kMaxJsonValues)
+        throw Malformed("more than " + std::to_string(EngineDecoder::kMaxJsonValues) + " values");
+    return json::parse(body.begin(), body.end());
+}
+
 template <typename T, typename F>
 Result<T, DecodeError> decodeWith(std::string_view body, F&& decode) {
     try {
-        return decode(json::parse(body.begin(), body.end()));
+        return decode(parseBounded(body));
     } catch (const Malformed& e) {
         return DecodeError{e.what()};
     } catch (const json::exception& e) {

@@ -113,6 +113,10 @@ struct DecodeError {
 
 /// Pure decoders of engine response bodies.
 struct EngineDecoder {
+    /// The most JSON values (objects, arrays and scalars) a body may hold;
+    /// far above any real engine's answer, far below what memory allows.
+    static constexpr size_t kMaxJsonValues = 1'000'000;
+
     static Result<EngineVersion, DecodeError> version(std::string_view body);
     static Result<std::vector<ContainerInfo>, DecodeError> containers(std::string_view body);
     static Result<DiskUsage, DecodeError> diskUsage(std::string_view body);

@@ -277,6 +277,22 @@ TEST(DiskUsageDecodingTest, SumsNeverOverflowWhateverTheSizes) {
     EXPECT_FALSE(EngineDecoder::diskUsage(R"({"Images":[{"Id":"i","Size":1e30}]})").ok());
 }
 
+TEST(EngineDecoderTest, ABodyOfTooManyValuesIsRefusedBeforeItIsBuilt) {
+    // The array itself counts: kMaxJsonValues values in all pass the count and
+    // fail only on their shape (no "Id"); one more is refused by the count.
+    // Empty objects in an array are what a tree pays most for.
+    for (size_t values : {EngineDecoder::kMaxJsonValues, EngineDecoder::kMaxJsonValues + 1}) {
+        std::string body = "[";
+        for (size_t i = 1; i < values; ++i)
+            body += i == 1 ? "{}" : ",{}";
+        body += "]";
+        auto r = EngineDecoder::containers(body);
+        ASSERT_FALSE(r.ok());
+        const bool counted = r.error().description.find("values") != std::string::npos;
+        EXPECT_EQ(counted, values > EngineDecoder::kMaxJsonValues) << r.error().description;
+    }
+}
+
 TEST(DiskUsageDecodingTest, OlderKeyWinsAndAbsentListsAreEmpty) {
     auto r = EngineDecoder::diskUsage(
         R"({"Volumes":[{"Name":"old"}],"VolumeUsage":{"Items":[{"Name":"new"}]},"LayersSize":0})");

@@ -144,6 +144,7 @@ TEST_F(HostileEnginesTest, DrippingOversizedAndEndlessEnginesAreBounded) {
     addEngine("drip", {"--mode", "drip", "--for", "60"});
     addEngine("huge", {"--mode", "huge"});
     addEngine("headers", {"--mode", "headers", "--for", "60"});
+    addEngine("many", {"--mode", "many"});
     const WharfyRun run = runWharfy({"--containers-json"}, environment());
     ASSERT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0) << run.status;
     const json output = parsed(run);
@@ -154,8 +155,12 @@ TEST_F(HostileEnginesTest, DrippingOversizedAndEndlessEnginesAreBounded) {
     EXPECT_EQ(context(output, "headers")["error"],
               "Could not read the runtime (the engine's answer had more than 64 KiB of headers).")
         << run.output;
+    EXPECT_EQ(context(output, "many")["error"],
+              "Could not read the runtime (the engine's answer was not the expected JSON).")
+        << run.output;
     EXPECT_LT(run.seconds, 10.0);
-    // A 200 MB body or endless headers once took 690 MB and 3 GB.
+    // A 200 MB body or endless headers once took 690 MB and 3 GB; ten million
+    // JSON values in 30 MB would take 900 MB as a tree.
     EXPECT_LT(run.maxRssKb, 200 * 1024);
 }
 
