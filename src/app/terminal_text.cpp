@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "common/text.h"
 
@@ -58,16 +59,22 @@ std::string terminalSafe(std::string_view text) {
     return out;
 }
 
-std::string gigabytes(uint64_t bytes) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%.1f GB", static_cast<double>(bytes) / 1e9);
-    return buf;
-}
-
 std::string formatBytes(uint64_t bytes) {
-    if (bytes >= 1'000'000'000) return gigabytes(bytes);
     char buf[32];
-    std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(bytes) / 1e6);
+    if (bytes < 1000) {
+        std::snprintf(buf, sizeof buf, "%u B", static_cast<unsigned>(bytes));
+        return buf;
+    }
+    static constexpr const char* kUnits[] = {"KB", "MB", "GB", "TB"};
+    double value = static_cast<double>(bytes) / 1000.0;
+    size_t unit = 0;
+    // 999,960 bytes would print as "1000.0 KB": move up once the rounded
+    // figure reaches 1000.
+    while (value >= 999.95 && unit + 1 < std::size(kUnits)) {
+        value /= 1000.0;
+        ++unit;
+    }
+    std::snprintf(buf, sizeof buf, "%.1f %s", value, kUnits[unit]);
     return buf;
 }
 

@@ -13,10 +13,8 @@ namespace wharfy::app {
 /// \x7f, \u{9b}), never sent raw.
 std::string terminalSafe(std::string_view text);
 
-/// Bytes as the user reads them: decimal gigabytes, "%.1f GB".
-std::string gigabytes(uint64_t bytes);
-
-/// Small sizes in decimal megabytes, large ones in gigabytes ("12.3 MB", "4.1 GB").
+/// Bytes as the user reads them, in the decimal unit that fits: "512 B",
+/// "2.0 MB", "4.1 GB", "1.2 TB".
 std::string formatBytes(uint64_t bytes);
 
 /// Columns of a plain-text table, widths fitted to the content. Cells must be
