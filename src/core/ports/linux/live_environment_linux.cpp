@@ -34,11 +34,10 @@ std::optional<std::string> userName(uint32_t uid) {
 /// process is what `ss -p` does and costs the most, so the processes that
 /// hold listening sockets are remembered, by identity, and only their
 /// remembered descriptors are checked again on the next scan. A process not
-/// seen at the last scan (a new pid, or a reused one with another start
-/// time) is always read in full; a socket that no holder explains sends the
-/// scan through the processes of the socket owner's uid first, then the
-/// rest. A stale memory can only cost time: every holder is verified before
-/// it is reported.
+/// seen at the last scan (a new pid, or a reused one) is always read in
+/// full; a socket that no holder explains sends the scan through the
+/// processes of the socket owner's uid first, then the rest. A stale memory
+/// can only cost time: every holder is verified before it is reported.
 class LinuxPortEnvironment final : public PortEnvironment {
   public:
     explicit LinuxPortEnvironment(std::shared_ptr<CommandRunner> runner)
@@ -121,7 +120,9 @@ std::vector<ListeningSocket> LinuxPortEnvironment::listeningSockets() {
     const auto table = ListeningSockets::index(table_);
 
     // Who runs now. A pid whose entry has not changed since the last scan is
-    // the process seen then; any other is identified by its start time.
+    // the process seen then. Any other is read in full, even when its start
+    // time is the one remembered: start times count clock ticks, and a pid
+    // can go to a new process within one.
     std::vector<ProcessIdentity> running;
     std::vector<ProcessIdentity> unseen;
     std::unordered_map<int32_t, Seen> seen;
@@ -135,7 +136,7 @@ std::vector<ListeningSocket> LinuxPortEnvironment::listeningSockets() {
         if (!start) continue;
         running.push_back({entry.pid, *start});
         seen.emplace(entry.pid, Seen{entry.serial, *start});
-        if (before == seen_.end() || before->second.startTime != *start)
+        if (before == seen_.end() || before->second.serial != entry.serial)
             unseen.push_back(running.back());
     }
     auto isRunning = [&](const ProcessIdentity& id) {
