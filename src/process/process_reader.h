@@ -91,6 +91,8 @@ struct ProcessReader {
     static std::optional<std::vector<std::string>> arguments(int32_t pid,
                                                              std::vector<char>& buffer);
     static std::optional<Usage> usage(int32_t pid);
+    /// usage(pid).footprint alone, without reading the other counters.
+    static std::optional<uint64_t> footprint(int32_t pid);
     /// bsdInfo and usage in one read, for scans of the whole table.
     static std::optional<ProcessFacts> facts(int32_t pid);
     /// The descriptor table, in descriptor order.

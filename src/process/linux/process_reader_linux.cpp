@@ -161,17 +161,23 @@ std::optional<BSDInfo> infoFrom(int32_t pid, StatFields&& stat) {
     return info;
 }
 
-std::optional<Usage> usageFrom(int32_t pid, const StatFields& stat) {
+std::optional<uint64_t> footprintOf(int32_t pid) {
     char buf[kSmallFile];
     auto statmText = readSmall(PidPath(pid, "statm").text, buf, sizeof buf);
     if (!statmText) return std::nullopt;
     auto statm = parseStatm(*statmText);
     if (!statm) return std::nullopt;
     static const uint64_t pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    return (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
+}
+
+std::optional<Usage> usageFrom(int32_t pid, const StatFields& stat) {
+    auto footprint = footprintOf(pid);
+    if (!footprint) return std::nullopt;
     Usage u;
-    u.footprint =
-        (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
+    u.footprint = *footprint;
     u.cpuTicks = stat.utime + stat.stime;
+    char buf[kSmallFile];
     if (auto ioText = readSmall(PidPath(pid, "io").text, buf, sizeof buf)) {
         if (auto io = parseIo(*ioText)) {
             u.diskRead = io->readBytes;
@@ -252,6 +258,11 @@ std::optional<std::vector<std::string>> ProcessReader::arguments(int32_t pid,
     auto text = readSmall(PidPath(pid, "cmdline").text, buffer.data(), buffer.size());
     if (!text) return std::nullopt;
     return parseCmdline(*text);
+}
+
+std::optional<uint64_t> ProcessReader::footprint(int32_t pid) {
+    if (pid < 1) return std::nullopt;
+    return footprintOf(pid);
 }
 
 std::optional<Usage> ProcessReader::usage(int32_t pid) {

@@ -114,6 +114,7 @@ TEST(LiveProcess, ReadsOfARunningHelper) {
     auto usage = ProcessReader::usage(p->pid());
     ASSERT_TRUE(usage);
     EXPECT_GT(usage->footprint, 0u);
+    EXPECT_GT(ProcessReader::footprint(p->pid()), 0u);
 
     // The same process always yields the same start time, close to now.
     auto again = ProcessIdentity::current(p->pid());
@@ -156,6 +157,7 @@ TEST(LiveProcess, ZombieReadsAsZombieAndExitedProcessReadsAbsent) {
     EXPECT_FALSE(ProcessReader::bsdInfo(pid));
     EXPECT_FALSE(ProcessIdentity::current(pid));
     EXPECT_FALSE(ProcessReader::usage(pid));
+    EXPECT_FALSE(ProcessReader::footprint(pid));
     EXPECT_FALSE(ProcessReader::arguments(pid));
     EXPECT_FALSE(ProcessReader::fileDescriptors(pid));
     EXPECT_TRUE(ListeningSockets::read(pid).empty());

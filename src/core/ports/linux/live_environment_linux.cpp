@@ -58,9 +58,7 @@ class LinuxPortEnvironment final : public PortEnvironment {
         return ProcessReader::currentDirectory(pid);
     }
     std::optional<uint64_t> footprint(int32_t pid) override {
-        auto usage = ProcessReader::usage(pid);
-        if (!usage) return std::nullopt;
-        return usage->footprint;
+        return ProcessReader::footprint(pid);
     }
 
   private:
