@@ -168,8 +168,7 @@ std::string SystemdLabels::appName(std::string_view label, const std::string& pr
 
 // The user's name goes on a command line and into text the user copies, so
 // only a plain account name is used; anything else is named by its uid.
-std::string SystemdLabels::managerOption(uint32_t owner, uint32_t uid) const {
-    if (owner == uid) return "--user";
+std::string SystemdLabels::managerOf(uint32_t owner) const {
     std::string name = std::to_string(owner);
     if (userName_) {
         auto found = userName_(owner);
@@ -180,20 +179,21 @@ std::string SystemdLabels::managerOption(uint32_t owner, uint32_t uid) const {
             }))
             name = *found;
     }
-    return "--user -M " + name + "@";
+    return name + "@";
 }
 
 std::string SystemdLabels::stopCommand(std::string_view label, uint32_t uid) const {
     auto u = unit(label);
     auto who = owner(label);
     if (!who) return "sudo systemctl stop " + std::string(u);
+    if (*who != uid) return "systemctl --user -M " + managerOf(*who) + " stop " + std::string(u);
     constexpr std::string_view brew = "homebrew.mxcl.";
-    if (*who == uid && u.starts_with(brew)) {
+    if (u.starts_with(brew)) {
         auto name = u.substr(brew.size());
         if (name.ends_with(".service")) name.remove_suffix(std::string_view(".service").size());
         return "brew services stop " + std::string(name);
     }
-    return "systemctl " + managerOption(*who, uid) + " stop " + std::string(u);
+    return "systemctl --user stop " + std::string(u);
 }
 
 std::optional<bool> SystemdLabels::keepsAlive(std::string_view label, uint32_t uid,
@@ -203,11 +203,7 @@ std::optional<bool> SystemdLabels::keepsAlive(std::string_view label, uint32_t u
     std::vector<std::string> args;
     if (auto who = owner(label)) {
         args.push_back("--user");
-        if (*who != uid) {
-            auto option = managerOption(*who, uid);
-            args.push_back("-M");
-            args.push_back(option.substr(option.rfind(' ') + 1));
-        }
+        if (*who != uid) args.insert(args.end(), {"-M", managerOf(*who)});
     }
     args.insert(args.end(), {"show", "--property=Restart", "--value", "--", std::string(u)});
     auto out = runner.run("/usr/bin/systemctl", args);

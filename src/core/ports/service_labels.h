@@ -33,6 +33,7 @@ class ServiceLabels {
     virtual ~ServiceLabels() = default;
     /// The operating system's own program folders and services.
     virtual const SystemPrograms& systemPrograms() const = 0;
+    /// Whether the job of `label` is the operating system's own.
     virtual SystemJob systemJob(std::string_view label) const = 0;
     /// A job that a desktop app started for itself.
     virtual bool isAppJob(std::string_view label) const = 0;
@@ -108,7 +109,8 @@ class SystemdLabels final : public ServiceLabels {
     static bool isSafeUnitName(std::string_view unit);
 
   private:
-    std::string managerOption(uint32_t owner, uint32_t uid) const;
+    /// "USER@", naming the manager of `owner` for systemctl's -M.
+    std::string managerOf(uint32_t owner) const;
     UserName userName_;
 };
 
