@@ -327,8 +327,10 @@ int main(int argc, char** argv) {
     std::printf("\n");
     std::fflush(stdout);
 
-    for (int signal = 0; forkOnUsr1;)
+    while (forkOnUsr1) {
+        int signal = 0;
         if (::sigwait(&usr1, &signal) == 0) startWorker();
+    }
     if (busy) {
         volatile unsigned long spin = 0;
         for (;;)
