@@ -249,13 +249,13 @@ void AppModel::finishTick(const std::shared_ptr<Tick>& tick) {
 void AppModel::alertAndRecord(double now) {
     std::vector<RunawayInput> runaways;
     if (alertSettings_.runawaySession) {
-        for (auto& [id, reason] : monitor_.alertsDue(now)) {
+        for (const auto& due : monitor_.alertsDue(now)) {
             auto session = std::find_if(sessions_.begin(), sessions_.end(),
-                                        [&](const AgentSession& s) { return s.id() == id; });
+                                        [&](const AgentSession& s) { return s.id() == due.first; });
             if (session == sessions_.end()) continue;
             std::optional<std::string> project;
             if (session->project) project = session->project->name();
-            runaways.push_back({id, rawValue(session->tool), project, reason});
+            runaways.push_back({due.first, rawValue(session->tool), project, due.second});
         }
     }
     std::vector<RuntimeDiskInput> disks;
