@@ -14,6 +14,12 @@ constexpr std::array kOptions{
     OptionSpec{"--export", "PATH",
                "write what is running now to PATH: Markdown, or JSON for a .json name; - for "
                "standard output"},
+    OptionSpec{"--background", "",
+               "keep watching in the background: history, desktop notifications (the systemd "
+               "user unit runs this)"},
+    OptionSpec{"--quit-after", "SECONDS", "with --background: end after SECONDS"},
+    OptionSpec{"--diagnostics", "PATH",
+               "with --background: write timing and memory figures to PATH at the end"},
     OptionSpec{"--help", "", "show this help and exit", "-h"},
     OptionSpec{"--version", "", "print the version and exit"},
 };

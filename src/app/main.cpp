@@ -4,10 +4,12 @@
 #include <vector>
 
 #include "app/agents_command.h"
+#include "app/background.h"
 #include "app/command_line.h"
 #include "app/containers_command.h"
 #include "app/export_command.h"
 #include "app/history_command.h"
+#include "app/live_parts.h"
 #include "app/machine_report.h"
 #include "app/model/live_machine_reader.h"
 #include "app/ports_command.h"
@@ -17,11 +19,6 @@ namespace {
 
 using namespace wharfy;
 using namespace wharfy::app;
-
-std::optional<std::string> xdgRuntimeDir() {
-    if (const char* dir = std::getenv("XDG_RUNTIME_DIR"); dir && *dir) return std::string(dir);
-    return std::nullopt;
-}
 
 int emit(const nlohmann::json& value) {
     std::fputs(emitText(value).c_str(), stdout);
@@ -76,5 +73,6 @@ int main(int argc, char** argv) {
         auto live = reader();
         return exportCommand(live, valueAfter("--export", args).value_or("-"));
     }
+    if (hasOption("--background", args)) return runBackground(user, LaunchOptions(args));
     return printAll(user);
 }
