@@ -11,7 +11,7 @@
 
 namespace wharfy::app {
 
-using nemarro::process::LiveProcessSource;
+using nemarro::process::LiveTableSource;
 using nemarro::process::ProcessReader;
 using nemarro::process::ProcessSampler;
 using nemarro::process::TickClock;
@@ -32,7 +32,7 @@ LiveMachineReader::LiveMachineReader(uint32_t uid, std::string home,
       home_(std::move(home)),
       xdgRuntimeDir_(std::move(xdgRuntimeDir)),
       notAfter_(notAfter),
-      sampler_(std::make_unique<LiveProcessSource>(), TickClock::current(),
+      sampler_(std::make_unique<LiveTableSource>(), TickClock::current(),
                &ProcessSampler::monotonicNow),
       environment_(makeLivePortEnvironment(toolRunner())),
       classifier_(makeLiveClassifier(uid_, home_, toolRunner())),
@@ -58,6 +58,15 @@ ProcessReading LiveMachineReader::readProcesses() {
         sample.processes,
         [this](int32_t pid) { return ProcessReader::arguments(pid, argumentBuffer_); },
         [](int32_t pid) { return ProcessReader::currentDirectory(pid); });
+    // The table is read without memory figures; only the few processes of a
+    // session need theirs.
+    for (auto& session : reading.sessions) {
+        session.footprint = ProcessReader::footprint(session.root.identity.pid).value_or(0);
+        for (auto& child : session.children) {
+            child.footprint = ProcessReader::footprint(child.identity.pid).value_or(0);
+            session.footprint += child.footprint;
+        }
+    }
     return reading;
 }
 
