@@ -14,6 +14,7 @@
 #include "app/history_command.h"
 #include "app/ports_command.h"
 #include "app/terminal_text.h"
+#include "app/tui/run_interface.h"
 #include "core/containers/port_container_mapper.h"
 #include "process/process_sampler.h"
 
@@ -91,5 +92,8 @@ int main(int argc, char** argv) {
     if (hasOption("--history-json", args)) return emit(historyJson(user));
     if (hasOption("--export", args))
         return exportCommand(user, valueAfter("--export", args).value_or(""), xdgRuntimeDir());
+    if (auto mode = tui::startMode(args, tui::TerminalFacts::current());
+        mode != tui::StartMode::report)
+        return tui::runInterface(args, user, mode);
     return printAll(user);
 }

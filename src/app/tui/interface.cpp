@@ -16,7 +16,7 @@ constexpr double kNoticeSeconds = 10;
 ExportSnapshot snapshotOf(const AppModel& model, double now) {
     std::vector<RuntimeReport> runtimes;
     for (const auto& r : model.runtimes())
-        runtimes.push_back({r.info, r.containers, r.sizes, r.diskFiles, r.error});
+        runtimes.push_back({r.info, r.containers, r.sizes, r.diskFiles, r.error, std::nullopt});
     AgentsReport agents;
     for (const auto& s : model.sessions()) {
         agents.sessions.push_back(s);
@@ -49,18 +49,17 @@ Interface::~Interface() {
     model_.changed = nullptr;
     model_.firstRuntimesRead = nullptr;
     if (noticeTimer_) loop_.cancel(*noticeTimer_);
-    if (terminal_)
-        for (int fd : terminal_->descriptors())
-            loop_.unwatch(fd);
+    for (int fd : watched_)
+        loop_.unwatch(fd);
 }
 
 void Interface::start() {
     model_.changed = [this] { modelChanged(); };
     model_.firstRuntimesRead = [this] { scheduleSnapshots(); };
     if (state_.tab == ViewTab::containers) model_.loadSizes(false);
-    if (terminal_)
-        for (int fd : terminal_->descriptors())
-            loop_.watch(fd, [this] { readInput(); });
+    if (terminal_) watched_ = terminal_->descriptors();
+    for (int fd : watched_)
+        loop_.watch(fd, [this] { readInput(); });
     update();
 }
 

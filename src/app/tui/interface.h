@@ -97,6 +97,7 @@ class Interface {
     bool snapshotsScheduled_ = false;
     bool containerActionRunning_ = false;
     std::optional<PendingAction> lastPending_;
+    std::vector<int> watched_;
 };
 
 }  // namespace wharfy::app::tui

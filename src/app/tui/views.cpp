@@ -852,7 +852,7 @@ void drawBox(Screen& screen, const std::string& title, const std::vector<BoxLine
     const int inner = width - 4;
     std::vector<BoxLine> lines;
     for (const auto& b : body) {
-        if (b.text.empty()) {
+        if (displayWidth(b.text) <= inner) {
             lines.push_back(b);
             continue;
         }
@@ -1391,7 +1391,7 @@ Screen renderPopover(const ViewData& data, int cols, int rows) {
         line("Runtimes", bold());
         for (const auto& r : data.runtimes)
             line("  " + terminalSafe(r.info.displayName) + ": " +
-                 (r.info.isRunning
+                 (r.info.isRunning()
                       ? std::to_string(r.running()) + " of " +
                             plural(r.containers.size(), "container", "containers") + " running"
                       : "not running"));
