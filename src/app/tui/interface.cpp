@@ -94,8 +94,13 @@ void Interface::update() {
             if (state_.selected[slot(tab)].empty() && !after.empty())
                 state_.selected[slot(tab)] = after.front();
             if (before == after) continue;
-            const std::string label = itemLabel(data_, tab, state_.selected[slot(tab)]);
-            state_ = keepSelection(state_, tab, before, after, label);
+            const std::string selected = state_.selected[slot(tab)];
+            state_ = keepSelection(state_, tab, before, after, itemLabel(data_, tab, selected));
+            // A row the search hides is not gone.
+            if (tab == ViewTab::ports &&
+                std::any_of(model_.ports().begin(), model_.ports().end(),
+                            [&](const PortRow& r) { return r.id() == selected; }))
+                state_.gone.reset();
         }
         if (next.pending != lastPending_) {
             // A new confirmation always starts on Cancel.

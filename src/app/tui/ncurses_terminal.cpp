@@ -232,19 +232,16 @@ void NcursesTerminal::draw(const Screen& screen) {
         clearok(stdscr, TRUE);
         erase();
     }
-    for (int y = 0; y < screen.rows(); ++y) {
-        for (int x = 0; x < screen.cols(); ++x) {
-            const Cell& cell = screen.at(x, y);
-            if (cell.isContinuation() || (!full && cell == drawn_->at(x, y))) continue;
-            wchar_t wide[CCHARW_MAX + 1] = {};
-            size_t n = 0;
-            for (size_t pos = 0; pos < cell.text.size() && n < CCHARW_MAX;)
-                wide[n++] = static_cast<wchar_t>(nextCodepoint(cell.text, pos));
-            cchar_t c;
-            setcchar(&c, wide, attributesOf(cell.style), color_ ? pairOf(cell.style.color) : 0,
-                     nullptr);
-            mvadd_wch(y, x, &c);
-        }
+    for (const auto& [x, y] : changedCells(full ? nullptr : &*drawn_, screen)) {
+        const Cell& cell = screen.at(x, y);
+        wchar_t wide[CCHARW_MAX + 1] = {};
+        size_t n = 0;
+        for (size_t pos = 0; pos < cell.text.size() && n < CCHARW_MAX;)
+            wide[n++] = static_cast<wchar_t>(nextCodepoint(cell.text, pos));
+        cchar_t c;
+        setcchar(&c, wide, attributesOf(cell.style), color_ ? pairOf(cell.style.color) : 0,
+                 nullptr);
+        mvadd_wch(y, x, &c);
     }
     drawn_ = screen;
     wnoutrefresh(stdscr);

@@ -93,4 +93,16 @@ std::string Screen::text() const {
     return out;
 }
 
+std::vector<std::pair<int, int>> changedCells(const Screen* before, const Screen& after) {
+    const bool all = !before || before->cols() != after.cols() || before->rows() != after.rows();
+    std::vector<std::pair<int, int>> cells;
+    for (int y = 0; y < after.rows(); ++y)
+        for (int x = 0; x < after.cols(); ++x) {
+            const Cell& cell = after.at(x, y);
+            if (cell.isContinuation() || (!all && cell == before->at(x, y))) continue;
+            cells.emplace_back(x, y);
+        }
+    return cells;
+}
+
 }  // namespace wharfy::app::tui

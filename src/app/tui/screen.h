@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace wharfy::app::tui {
@@ -71,5 +72,10 @@ class Screen {
     int rows_;
     std::vector<Cell> cells_;
 };
+
+/// The cells of `after` to draw when the terminal shows `before` (every
+/// cell when there is none or its size differs), row by row. The right
+/// halves of wide characters are left out: drawing the left half draws them.
+std::vector<std::pair<int, int>> changedCells(const Screen* before, const Screen& after);
 
 }  // namespace wharfy::app::tui

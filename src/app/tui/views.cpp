@@ -159,10 +159,11 @@ constexpr int kGap = 2;
 /// column's bounds, shrunk toward their minimum, then the least important
 /// hidden.
 std::vector<int> fitColumns(const std::vector<Column>& columns,
-                            const std::vector<std::vector<std::string>>& rows, int width) {
+                            const std::vector<std::vector<std::string>>& rows, int width,
+                            int screenWidth) {
     std::vector<int> w(columns.size(), 0);
     for (size_t i = 0; i < columns.size(); ++i) {
-        if (width < columns[i].hideBelow) continue;
+        if (screenWidth < columns[i].hideBelow) continue;
         int natural = displayWidth(columns[i].header);
         for (const auto& row : rows)
             natural = std::max(natural, displayWidth(row[i]));
@@ -530,7 +531,7 @@ std::vector<Line> portLines(const ViewData& data, int width, std::vector<Line>& 
                          row.footprint ? formatBytes(*row.footprint) : "",
                          row.cpuPercent ? percent(*row.cpuPercent) : ""});
     }
-    const auto widths = fitColumns(columns, cells, width - 1);
+    const auto widths = fitColumns(columns, cells, width - 1, width);
     header.push_back(headerLine(columns, widths, 1));
     std::vector<Line> lines;
     for (size_t i = 0; i < data.ports.size(); ++i) {
@@ -617,7 +618,7 @@ std::vector<Line> containerLines(const ViewData& data, int width) {
             for (const auto& c : runtime.containers)
                 cells.push_back({terminalSafe(c.name()), terminalSafe(c.image),
                                  terminalSafe(c.state), portsText(c)});
-            const auto widths = fitColumns(columns, cells, width - 3);
+            const auto widths = fitColumns(columns, cells, width - 3, width);
             lines.push_back(headerLine(columns, widths, 3));
             for (size_t i = 0; i < runtime.containers.size(); ++i) {
                 std::vector<Style> styles(columns.size(), plain());
@@ -690,7 +691,7 @@ std::vector<Line> agentLines(const ViewData& data, int width, std::vector<Line>&
                          s.cpuPercent ? percent(*s.cpuPercent) : "", formatBytes(s.footprint),
                          statusWords(status == data.statuses.end() ? nullptr : &status->second)});
     }
-    const auto widths = fitColumns(columns, cells, width - 1);
+    const auto widths = fitColumns(columns, cells, width - 1, width);
     header.push_back(headerLine(columns, widths, 1));
     std::vector<Line> lines;
     for (size_t i = 0; i < data.sessions.size(); ++i) {
