@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "podman_engine.h"
+#include "spawned_process.h"
 #include "system/command_runner.h"
 #include "test_process.h"
 #include "tmux_session.h"
@@ -69,8 +70,8 @@ TEST_F(InterfaceLive, FindStopAndSeeThePortFree) {
     // On a busy machine the row may be below the first screen: search first.
     pane->sendKeys({"/"});
     pane->sendKeys({"-l", port});
-    ASSERT_TRUE(pane->waitFor([&](const std::string& t) { return contains(t, " " + port + "  "); },
-                              20))
+    ASSERT_TRUE(
+        pane->waitFor([&](const std::string& t) { return contains(t, " " + port + "  "); }, 20))
         << pane->capture();
     pane->sendKeys({"Enter", "F9"});
     const auto confirm = pane->waitFor(
@@ -173,7 +174,6 @@ TEST_F(InterfaceLive, CleanupRemovesExactlyTheDanglingImageAndTheUnusedVolumeSho
     EXPECT_FALSE(contains(*menu, "Remove volume " + used));
 
     auto run = [&](const std::string& entry) {
-        const auto text = pane->capture();
         // Move the cursor to the entry, then review and confirm it.
         for (int i = 0; i < 10 && !contains(pane->capture(), "▸ " + entry); ++i)
             pane->sendKeys({"Down"});
@@ -200,6 +200,35 @@ TEST_F(InterfaceLive, CleanupRemovesExactlyTheDanglingImageAndTheUnusedVolumeSho
     EXPECT_NE(engine->podman({"volume", "exists", unused}).status, 0);
     EXPECT_EQ(engine->podman({"volume", "exists", used}).status, 0);
     pane->sendKeys({"q"});
+}
+
+TEST(SnapshotsLive, WrittenFromTheRealMachineWithoutATerminal) {
+    TempDir dir;
+    const std::string window = dir.path() + "/window.txt";
+    const std::string popover = dir.path() + "/popover.txt";
+    const std::string suite = dir.path() + "/suite.txt";
+    auto wharfy =
+        SpawnedProcess::start({WHARFY_EXECUTABLE, "--snapshot", window, "--snapshot-popover",
+                               popover, "--snapshot-suite-popover", suite, "--snapshot-size",
+                               "100x30", "--open", "containers", "--quit-after-snapshot"},
+                              {{"HOME", dir.path()},
+                               {"PATH", "/usr/bin:/bin"},
+                               {"XDG_RUNTIME_DIR", dir.path()},
+                               {"XDG_STATE_HOME", dir.path()},
+                               {"XDG_CONFIG_HOME", dir.path()}});
+    ASSERT_TRUE(wharfy);
+    // It prints nothing and ends by itself once the pictures are written.
+    EXPECT_EQ(wharfy->readLine(60), std::nullopt);
+    const std::string text = readTextFile(window);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 30);
+    EXPECT_TRUE(contains(text, " Wharfy ")) << text;
+    EXPECT_TRUE(contains(text, "[2 Containers]") || contains(text, " 2 Containers ")) << text;
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    EXPECT_TRUE(contains(readTextFile(popover), "listening"));
+    EXPECT_TRUE(contains(readTextFile(suite), "Suite"));
+    struct stat st {};
+    ASSERT_EQ(::stat(window.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 }  // namespace
