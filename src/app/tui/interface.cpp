@@ -18,12 +18,8 @@ ExportSnapshot snapshotOf(const AppModel& model, double now) {
     for (const auto& r : model.runtimes())
         runtimes.push_back({r.info, r.containers, r.sizes, r.diskFiles, r.error, std::nullopt});
     AgentsReport agents;
-    for (const auto& s : model.sessions()) {
-        agents.sessions.push_back(s);
-        auto status = model.statuses().find(s.id());
-        agents.statuses.push_back(status == model.statuses().end() ? AgentStatus{}
-                                                                   : status->second);
-    }
+    agents.sessions = model.sessions();
+    agents.statuses = model.statuses();
     return exportSnapshot(now, model.ports(), runtimes, agents);
 }
 

@@ -144,8 +144,9 @@ TEST_F(InterfaceTest, RefusalIsANoticeAndNothingElse) {
 }
 
 TEST_F(InterfaceTest, CleanupActsOnTheIdsShownNotOnWhatAppearedSince) {
-    reader->runtimes = {samples::podman()};
-    reader->runtimeReadings["podman"] = {samples::busyRuntime().containers, {}, std::nullopt};
+    reader->runtimes = {{samples::podman(), samples::podman().socketPath}};
+    reader->runtimeReadings["podman"] = {
+        samples::podman(), samples::busyRuntime().containers, {}, std::nullopt};
     reader->sizeReadings.emplace("podman", *samples::busyRuntime().sizes);
     open();
     press(Key::chr('2'));
