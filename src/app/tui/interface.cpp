@@ -52,7 +52,6 @@ Interface::~Interface() {
 void Interface::start() {
     model_.changed = [this] { modelChanged(); };
     model_.firstRuntimesRead = [this] { scheduleSnapshots(); };
-    if (state_.tab == ViewTab::containers) model_.loadSizes(false);
     if (terminal_) watched_ = terminal_->descriptors();
     for (int fd : watched_)
         loop_.watch(fd, [this] { readInput(); });
@@ -108,10 +107,24 @@ void Interface::update() {
             if (next.lastContainerReport) state_.overlay = Overlay::report;
         }
         data_ = std::move(next);
+        loadSizesOfNewRuntimes();
         watchNotice();
         armConfirmation();
     }
     draw();
+}
+
+void Interface::loadSizesOfNewRuntimes() {
+    // Runtimes are found after the tab may have opened: each one found while
+    // the tab shows gets its disk figures read once.
+    if (state_.tab != ViewTab::containers) {
+        sizesAsked_.clear();
+        return;
+    }
+    bool ask = false;
+    for (const auto& r : data_.runtimes)
+        if (r.info.isMeasurable() && sizesAsked_.insert(r.info.id()).second) ask = true;
+    if (ask) model_.loadSizes(false);
 }
 
 void Interface::draw() {
@@ -226,7 +239,10 @@ void Interface::perform(const Action& action) {
             return;
         case A::showTab:
             if (action.index < 4) model_.setTab(static_cast<Tab>(action.index));
-            if (static_cast<ViewTab>(action.index) == ViewTab::containers) model_.loadSizes(false);
+            if (static_cast<ViewTab>(action.index) == ViewTab::containers) {
+                sizesAsked_.clear();
+                dirty_ = true;
+            }
             return;
         case A::setPortSearch:
             model_.setPortSearch(action.text);

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -73,6 +74,7 @@ class Interface {
     void exportTo(std::string path);
     void applySetting(int row, std::optional<double> value, int step);
     void watchNotice();
+    void loadSizesOfNewRuntimes();
     KeyContext keyContext() const;
     std::string expandHome(const std::string& path) const;
 
@@ -98,6 +100,7 @@ class Interface {
     bool containerActionRunning_ = false;
     std::optional<PendingAction> lastPending_;
     std::vector<int> watched_;
+    std::set<std::string> sizesAsked_;
 };
 
 }  // namespace wharfy::app::tui
