@@ -17,9 +17,22 @@ constexpr std::array kOptions{
     OptionSpec{"--background", "",
                "keep watching in the background: history, desktop notifications (the systemd "
                "user unit runs this)"},
-    OptionSpec{"--quit-after", "SECONDS", "with --background: end after SECONDS"},
+    OptionSpec{"--once", "", "print the report once and exit, even on a terminal"},
+    OptionSpec{"--open", "TAB",
+               "open the interface on a tab: ports, containers, agents, history or settings"},
+    OptionSpec{"--confirm-stop-port", "PORT",
+               "once the ports are read, show the stop confirmation of the listener on PORT"},
+    OptionSpec{"--snapshot", "PATH",
+               "write the window as plain text to PATH once the runtimes are read"},
+    OptionSpec{"--snapshot-popover", "PATH", "write the compact 60x20 summary to PATH"},
+    OptionSpec{"--snapshot-suite-popover", "PATH", "write the suite's rows to PATH"},
+    OptionSpec{"--snapshot-size", "COLSxROWS",
+               "the window snapshot's size (default: the terminal's, else 120x40)"},
+    OptionSpec{"--snapshot-delay", "SECONDS", "wait this long before taking the snapshots"},
+    OptionSpec{"--quit-after-snapshot", "", "exit once the snapshots are written"},
+    OptionSpec{"--quit-after", "SECONDS", "exit after this many seconds (timed runs)"},
     OptionSpec{"--diagnostics", "PATH",
-               "with --background: write timing and memory figures to PATH at the end"},
+               "at exit, write timing, CPU and memory figures of the run as JSON to PATH"},
     OptionSpec{"--help", "", "show this help and exit", "-h"},
     OptionSpec{"--version", "", "print the version and exit"},
 };
@@ -70,7 +83,10 @@ std::string usageText() {
         "Shows what listens on TCP ports, what the container runtimes are doing and\n"
         "which coding-agent sessions run on this computer.\n"
         "\n"
-        "With no option, wharfy prints all three as tables and exits.\n"
+        "On a terminal, wharfy opens a full-screen interface where a listener, a\n"
+        "session or a container can be stopped (one SIGTERM, after you confirm) and\n"
+        "a runtime cleaned up with a preview. Elsewhere (a pipe, a file, TERM=dumb)\n"
+        "or with --once, it prints all three as tables and exits.\n"
         "\n"
         "Options:\n";
     for (const auto& o : kOptions) {
@@ -83,7 +99,7 @@ std::string usageText() {
     out +=
         "\n"
         "Headless commands print JSON with sorted keys and always exit with status 0.\n"
-        "Wharfy never stops or removes anything from the command line.\n"
+        "Wharfy never stops or removes anything without the interface's confirmation.\n"
         "\n"
         "From a source checkout:\n"
         "  make run     installs what is missing, builds and runs wharfy\n"

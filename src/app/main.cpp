@@ -14,6 +14,7 @@
 #include "app/model/live_machine_reader.h"
 #include "app/ports_command.h"
 #include "app/terminal_text.h"
+#include "app/tui/run_interface.h"
 
 namespace {
 
@@ -74,5 +75,8 @@ int main(int argc, char** argv) {
         return exportCommand(live, valueAfter("--export", args).value_or("-"));
     }
     if (hasOption("--background", args)) return runBackground(user, LaunchOptions(args));
+    if (auto mode = tui::startMode(args, tui::TerminalFacts::current());
+        mode != tui::StartMode::report)
+        return tui::runInterface(args, user, mode);
     return printAll(user);
 }

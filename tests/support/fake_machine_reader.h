@@ -112,6 +112,10 @@ class FakeMachineActions final : public app::MachineActions {
         std::lock_guard lock(mutex_);
         return stopped_;
     }
+    std::vector<ContainerAction> performed() const {
+        std::lock_guard lock(mutex_);
+        return performed_;
+    }
 
   private:
     Result<StopPlan, std::string> planFor(const std::string& name, std::optional<uint16_t> port) {
