@@ -5,46 +5,59 @@
 namespace wharfy {
 
 std::string repairUtf8(std::string_view bytes) {
-    static constexpr char kReplacement[] = "\xEF\xBF\xBD";
     std::string out;
     out.reserve(bytes.size());
-    size_t i = 0;
-    const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
-    const size_t n = bytes.size();
-    while (i < n) {
-        unsigned char c = s[i];
-        if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
-            ++i;
-            continue;
-        }
-        size_t len = 0;
-        uint32_t min = 0;
-        if ((c & 0xE0) == 0xC0)
-            len = 2, min = 0x80;
-        else if ((c & 0xF0) == 0xE0)
-            len = 3, min = 0x800;
-        else if ((c & 0xF8) == 0xF0)
-            len = 4, min = 0x10000;
-        bool valid = len != 0 && i + len <= n;
-        uint32_t cp = len ? (c & (0xFF >> (len + 1))) : 0;
-        for (size_t k = 1; valid && k < len; ++k) {
-            if ((s[i + k] & 0xC0) != 0x80)
-                valid = false;
-            else
-                cp = (cp << 6) | (s[i + k] & 0x3F);
-        }
-        // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-        if (valid && (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))) valid = false;
-        if (valid) {
-            out.append(bytes.substr(i, len));
-            i += len;
-        } else {
-            out.append(kReplacement);
-            ++i;
-        }
+    for (size_t i = 0; i < bytes.size();) {
+        const Utf8Step step = utf8Step(bytes, i);
+        if (step.valid)
+            out.append(bytes.substr(i, step.length));
+        else
+            out.append("\xEF\xBF\xBD");
+        i += step.length;
     }
     return out;
+}
+
+Utf8Step utf8Step(std::string_view text, size_t pos) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char c = byte(pos);
+    if (c < 0x80) return {c, 1, true};
+    size_t length = 0;
+    char32_t scalar = 0;
+    char32_t minimum = 0;
+    if (c >= 0xC2 && c <= 0xDF)
+        length = 2, scalar = c & 0x1F, minimum = 0x80;
+    else if (c >= 0xE0 && c <= 0xEF)
+        length = 3, scalar = c & 0x0F, minimum = 0x800;
+    else if (c >= 0xF0 && c <= 0xF4)
+        length = 4, scalar = c & 0x07, minimum = 0x10000;
+    const Utf8Step invalid{0xFFFD, 1, false};
+    if (length == 0 || pos + length > text.size()) return invalid;
+    for (size_t k = 1; k < length; ++k) {
+        if ((byte(pos + k) & 0xC0) != 0x80) return invalid;
+        scalar = (scalar << 6) | (byte(pos + k) & 0x3F);
+    }
+    if (scalar < minimum || scalar > 0x10FFFF || (scalar >= 0xD800 && scalar <= 0xDFFF))
+        return invalid;
+    return {scalar, length, true};
+}
+
+void appendUtf8(std::string& out, char32_t s) {
+    if (s < 0x80) {
+        out.push_back(static_cast<char>(s));
+    } else if (s < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (s >> 6)));
+        out.push_back(static_cast<char>(0x80 | (s & 0x3F)));
+    } else if (s < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (s >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((s >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (s & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (s >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((s >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((s >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (s & 0x3F)));
+    }
 }
 
 }  // namespace wharfy

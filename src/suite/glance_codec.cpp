@@ -4,9 +4,13 @@
 #include <array>
 #include <cmath>
 
-#include "suite/utf8.h"
+#include "common/text.h"
 
 namespace nemarro::suite {
+
+using wharfy::appendUtf8;
+using wharfy::utf8Step;
+using wharfy::Utf8Step;
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "system/private_files.h"
+#include "common/descriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,25 +10,6 @@
 
 namespace wharfy {
 namespace {
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-  private:
-    int fd_;
-};
 
 bool writeAll(int fd, std::string_view bytes) {
     size_t done = 0;

@@ -1,4 +1,5 @@
 #include "app/tui/text_width.h"
+#include "common/text.h"
 
 #include <algorithm>
 #include <array>
@@ -67,24 +68,6 @@ bool within(const std::array<Range, N>& ranges, char32_t c) {
     auto it = std::upper_bound(ranges.begin(), ranges.end(), c,
                                [](char32_t v, const Range& r) { return v < r.first; });
     return it != ranges.begin() && c <= (it - 1)->last;
-}
-
-void appendUtf8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
 }
 
 }  // namespace

@@ -226,7 +226,7 @@ class Cursor {
         } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
             return false;
         }
-        appendUtf8(out, cp);
+        appendUtf8(out, static_cast<char32_t>(cp));
         return true;
     }
 
@@ -236,24 +236,6 @@ class Cursor {
         if (ec != std::errc() || ptr != p_ + 4) return false;
         p_ += 4;
         return true;
-    }
-
-    static void appendUtf8(std::string& out, uint32_t cp) {
-        if (cp < 0x80) {
-            out.push_back(static_cast<char>(cp));
-        } else if (cp < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else if (cp < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        }
     }
 
     // Length of the valid UTF-8 sequence at `p`, or 0.

@@ -1,4 +1,5 @@
 #include "core/history/history_store.h"
+#include "common/descriptor.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,22 +16,6 @@ namespace {
 std::string errorText(int error) {
     return std::error_code(error, std::generic_category()).message();
 }
-
-/// A descriptor closed when the holder goes away.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
 
 int openFolder(const std::string& path) {
     return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

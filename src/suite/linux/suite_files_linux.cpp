@@ -10,32 +10,15 @@
 #include <cstdlib>
 #include <vector>
 
+#include "common/descriptor.h"
 #include "suite/glance_store.h"
 #include "suite/suite_folder.h"
 
 namespace nemarro::suite {
 
+using wharfy::Descriptor;
+
 namespace {
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    /// Closes now and reports whether the close succeeded.
-    bool close() {
-        int fd = fd_;
-        fd_ = -1;
-        return ::close(fd) == 0;
-    }
-
-  private:
-    int fd_;
-};
 
 std::string temporaryName(const std::string& name) {
     static std::atomic<unsigned> counter{0};

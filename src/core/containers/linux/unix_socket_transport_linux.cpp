@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/descriptor.h"
 #include "core/containers/http.h"
 
 namespace wharfy {
@@ -16,20 +17,6 @@ namespace {
 
 using Clock = UnixSocketTransport::Clock;
 using Kind = TransportError::Kind;
-
-class Socket {
-  public:
-    explicit Socket(int fd) : fd_(fd) {}
-    ~Socket() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    int fd() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 TransportError failure(Kind kind, int err = 0) {
     return TransportError{kind, err};
@@ -101,13 +88,13 @@ Result<std::string, TransportError> UnixSocketTransport::get(const std::string& 
     if (notAfter_) deadline = std::min(deadline, *notAfter_);
     if (Clock::now() >= deadline) return failure(Kind::timedOut);
 
-    Socket socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (socket.fd() < 0) return failure(Kind::connectFailed, errno);
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.get() < 0) return failure(Kind::connectFailed, errno);
 
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, socketPath_.data(), socketPath_.size());
-    if (int err = connectBy(socket.fd(), address, deadline); err != 0)
+    if (int err = connectBy(socket.get(), address, deadline); err != 0)
         return err == ETIMEDOUT ? failure(Kind::timedOut) : failure(Kind::connectFailed, err);
 
     const std::string request = requestText(path);
@@ -115,13 +102,13 @@ Result<std::string, TransportError> UnixSocketTransport::get(const std::string& 
     while (sent < request.size()) {
         // MSG_NOSIGNAL: a peer that has gone away gives EPIPE, never SIGPIPE.
         const ssize_t n =
-            ::send(socket.fd(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+            ::send(socket.get(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
         if (n > 0) {
             sent += static_cast<size_t>(n);
         } else if (n == 0) {
             return failure(Kind::ioFailed, EPIPE);
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (int err = waitFor(socket.fd(), POLLOUT, deadline); err != 0)
+            if (int err = waitFor(socket.get(), POLLOUT, deadline); err != 0)
                 return err == ETIMEDOUT ? failure(Kind::timedOut) : failure(Kind::ioFailed, err);
         } else if (errno != EINTR) {
             return failure(Kind::ioFailed, errno);
@@ -132,12 +119,12 @@ Result<std::string, TransportError> UnixSocketTransport::get(const std::string& 
     size_t headerEnd = 0;
     char buffer[65536];
     while (true) {
-        const ssize_t n = ::recv(socket.fd(), buffer, sizeof buffer, 0);
+        const ssize_t n = ::recv(socket.get(), buffer, sizeof buffer, 0);
         if (n == 0) break;
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) return failure(Kind::ioFailed, errno);
-            if (int err = waitFor(socket.fd(), POLLIN, deadline); err != 0)
+            if (int err = waitFor(socket.get(), POLLIN, deadline); err != 0)
                 return err == ETIMEDOUT ? failure(Kind::timedOut) : failure(Kind::ioFailed, err);
             continue;
         }
