@@ -16,27 +16,10 @@ namespace {
 std::optional<std::vector<char32_t>> decodeStrict(std::string_view s) {
     std::vector<char32_t> out;
     for (size_t i = 0; i < s.size();) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        size_t len = 0;
-        if (c < 0x80)
-            len = 1;
-        else if (c >= 0xC2 && c < 0xE0)
-            len = 2;
-        else if (c >= 0xE0 && c < 0xF0)
-            len = 3;
-        else if (c >= 0xF0 && c < 0xF5)
-            len = 4;
-        if (len == 0 || i + len > s.size()) return std::nullopt;
-        char32_t cp = len == 1 ? c : c & (0x7F >> len);
-        for (size_t k = 1; k < len; ++k) {
-            const auto b = static_cast<unsigned char>(s[i + k]);
-            if ((b & 0xC0) != 0x80) return std::nullopt;
-            cp = (cp << 6) | (b & 0x3F);
-        }
-        static constexpr char32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return std::nullopt;
-        out.push_back(cp);
-        i += len;
+        const wharfy::Utf8Step step = wharfy::utf8Step(s, i);
+        if (!step.valid) return std::nullopt;
+        out.push_back(step.scalar);
+        i += step.length;
     }
     return out;
 }
@@ -44,24 +27,6 @@ std::optional<std::vector<char32_t>> decodeStrict(std::string_view s) {
 bool isRawControl(char32_t cp) {
     return cp < 0x20 || (cp >= 0x7F && cp <= 0x9F) || cp == 0x061C || cp == 0x200E ||
            cp == 0x200F || (cp >= 0x202A && cp <= 0x202E) || (cp >= 0x2066 && cp <= 0x2069);
-}
-
-void appendUtf8(std::string& out, char32_t cp) {
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
 }
 
 std::optional<unsigned> hexDigit(char c) {
@@ -114,7 +79,7 @@ std::optional<std::string> unescape(std::string_view s) {
                     cp = cp << 4 | *d;
                 }
                 if (j >= s.size() || s[j] != '}' || j == i + 2) return std::nullopt;
-                appendUtf8(out, cp);
+                wharfy::appendUtf8(out, cp);
                 i = j;
                 break;
             }

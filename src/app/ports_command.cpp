@@ -93,16 +93,13 @@ std::string projectCell(const ProjectInfo& project) {
 std::string portsText(const std::vector<PortRow>& rows, std::optional<size_t> width,
                       bool seesOtherUsers) {
     if (rows.empty()) return "No listening TCP ports.\n";
-    const auto& words = platformWords();
     TextTable table({"PORT", "PROCESS", "REACHABLE FROM", "KIND", "PROJECT", "MEMORY", "CPU"});
     table.shrinkable(1, 12);
     table.shrinkable(3, 10);
     table.shrinkable(4, 8);
     bool hiddenOwners = false;
     for (const auto& row : rows) {
-        const char* reach = row.addressClass == AddressClass::thisMacOnly  ? words.thisMacOnly
-                            : row.addressClass == AddressClass::oneNetwork ? words.oneNetwork
-                                                                           : words.allNetworks;
+        const char* reach = reachLabel(row.addressClass);
         std::string process = terminalSafe(row.processName);
         if (row.pid > 0) process += " (" + std::to_string(row.pid) + ")";
         std::string cpu;

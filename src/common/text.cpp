@@ -60,4 +60,68 @@ void appendUtf8(std::string& out, char32_t s) {
     }
 }
 
+namespace {
+
+std::optional<char32_t> hex4(std::string_view text, size_t pos) {
+    if (pos + 4 > text.size()) return std::nullopt;
+    char32_t value = 0;
+    for (size_t k = pos; k < pos + 4; ++k) {
+        const char c = text[k];
+        value <<= 4;
+        if (c >= '0' && c <= '9')
+            value |= static_cast<char32_t>(c - '0');
+        else if (c >= 'a' && c <= 'f')
+            value |= static_cast<char32_t>(c - 'a' + 10);
+        else if (c >= 'A' && c <= 'F')
+            value |= static_cast<char32_t>(c - 'A' + 10);
+        else
+            return std::nullopt;
+    }
+    return value;
+}
+
+}  // namespace
+
+std::optional<size_t> decodeJsonEscape(std::string_view text, std::string& out) {
+    if (text.empty()) return std::nullopt;
+    const char c = text[0];
+    switch (c) {
+        case '"':
+        case '\\':
+        case '/':
+            out.push_back(c);
+            return 1;
+        case 'b':
+            out.push_back('\b');
+            return 1;
+        case 'f':
+            out.push_back('\f');
+            return 1;
+        case 'n':
+            out.push_back('\n');
+            return 1;
+        case 'r':
+            out.push_back('\r');
+            return 1;
+        case 't':
+            out.push_back('\t');
+            return 1;
+        case 'u':
+            break;
+        default:
+            return std::nullopt;
+    }
+    auto unit = hex4(text, 1);
+    if (!unit || (*unit >= 0xDC00 && *unit <= 0xDFFF)) return std::nullopt;
+    if (*unit < 0xD800 || *unit > 0xDBFF) {
+        appendUtf8(out, *unit);
+        return 5;
+    }
+    if (text.substr(5, 2) != "\\u") return std::nullopt;
+    auto low = hex4(text, 7);
+    if (!low || *low < 0xDC00 || *low > 0xDFFF) return std::nullopt;
+    appendUtf8(out, 0x10000 + ((*unit - 0xD800) << 10) + (*low - 0xDC00));
+    return 11;
+}
+
 }  // namespace wharfy

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,5 +26,11 @@ Utf8Step utf8Step(std::string_view text, size_t pos);
 
 /// Appends `scalar` encoded as UTF-8.
 void appendUtf8(std::string& out, char32_t scalar);
+
+/// Decodes one JSON string escape, `text` starting just after its backslash:
+/// appends what it stands for (a "\u" escape as UTF-8, a surrogate pair
+/// joined) and returns how many bytes it took. Absent for a malformed escape
+/// or a lone surrogate.
+std::optional<size_t> decodeJsonEscape(std::string_view text, std::string& out);
 
 }  // namespace wharfy

@@ -127,64 +127,10 @@ class Reader {
         }
     }
 
-    std::optional<unsigned> hex4() {
-        if (i_ + 4 > s_.size()) return std::nullopt;
-        unsigned v = 0;
-        for (int k = 0; k < 4; ++k) {
-            char c = s_[i_++];
-            v <<= 4;
-            if (c >= '0' && c <= '9')
-                v |= static_cast<unsigned>(c - '0');
-            else if (c >= 'a' && c <= 'f')
-                v |= static_cast<unsigned>(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F')
-                v |= static_cast<unsigned>(c - 'A' + 10);
-            else
-                return std::nullopt;
-        }
-        return v;
-    }
-
     bool escape(std::string& out) {
-        if (atEnd()) return false;
-        char c = s_[i_++];
-        switch (c) {
-            case '"':
-            case '\\':
-            case '/':
-                out.push_back(c);
-                return true;
-            case 'b':
-                out.push_back('\b');
-                return true;
-            case 'f':
-                out.push_back('\f');
-                return true;
-            case 'n':
-                out.push_back('\n');
-                return true;
-            case 'r':
-                out.push_back('\r');
-                return true;
-            case 't':
-                out.push_back('\t');
-                return true;
-            case 'u':
-                break;
-            default:
-                return false;
-        }
-        auto unit = hex4();
-        if (!unit) return false;
-        char32_t scalar = *unit;
-        if (scalar >= 0xDC00 && scalar <= 0xDFFF) return false;
-        if (scalar >= 0xD800 && scalar <= 0xDBFF) {
-            if (!literal("\\u")) return false;
-            auto low = hex4();
-            if (!low || *low < 0xDC00 || *low > 0xDFFF) return false;
-            scalar = 0x10000 + ((scalar - 0xD800) << 10) + (*low - 0xDC00);
-        }
-        appendUtf8(out, scalar);
+        auto used = wharfy::decodeJsonEscape(s_.substr(i_), out);
+        if (!used) return false;
+        i_ += *used;
         return true;
     }
 

@@ -1,4 +1,5 @@
 #include "app/terminal_text.h"
+#include "common/text.h"
 
 #include <gtest/gtest.h>
 
@@ -53,26 +54,13 @@ TEST(TerminalSafe, EscapesControlsBidiAndInvalidBytes) {
 }
 
 /// Code points of strictly valid UTF-8; absent for anything else.
-std::optional<std::vector<char32_t>> decodeStrict(const std::string& s) {
+std::optional<std::vector<char32_t>> decodeStrict(std::string_view s) {
     std::vector<char32_t> out;
     for (size_t i = 0; i < s.size();) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        const size_t len = c < 0x80                ? 1
-                           : c >= 0xC2 && c < 0xE0 ? 2
-                           : c >= 0xE0 && c < 0xF0 ? 3
-                           : c >= 0xF0 && c < 0xF5 ? 4
-                                                   : 0;
-        if (len == 0 || i + len > s.size()) return std::nullopt;
-        char32_t cp = len == 1 ? c : c & (0x7F >> len);
-        for (size_t k = 1; k < len; ++k) {
-            const auto b = static_cast<unsigned char>(s[i + k]);
-            if ((b & 0xC0) != 0x80) return std::nullopt;
-            cp = (cp << 6) | (b & 0x3F);
-        }
-        static constexpr char32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return std::nullopt;
-        out.push_back(cp);
-        i += len;
+        const wharfy::Utf8Step step = wharfy::utf8Step(s, i);
+        if (!step.valid) return std::nullopt;
+        out.push_back(step.scalar);
+        i += step.length;
     }
     return out;
 }

@@ -271,16 +271,7 @@ int drawList(Screen& screen, const std::vector<Line>& lines, int y, int height,
 // ---- Words ----------------------------------------------------------------
 
 const char* reachWords(AddressClass c) {
-    const auto& words = platformWords();
-    switch (c) {
-        case AddressClass::thisMacOnly:
-            return words.thisMacOnly;
-        case AddressClass::oneNetwork:
-            return words.oneNetwork;
-        case AddressClass::allNetworks:
-            return words.allNetworks;
-    }
-    return "";
+    return reachLabel(c);
 }
 
 std::string processCell(const PortRow& row) {

@@ -143,7 +143,8 @@ class Cursor {
             const auto c = static_cast<unsigned char>(*p_);
             if (c == '"' || c == '\\') return true;
             if (c < 0x80) return false;  // a control character
-            const size_t n = utf8Length(p_, end_);
+            const Utf8Step step = utf8Step(std::string_view(p_, static_cast<size_t>(end_ - p_)), 0);
+            const size_t n = step.valid ? step.length : 0;
             if (n == 0) return false;
             p_ += n;
         }
@@ -187,76 +188,11 @@ class Cursor {
     // At a backslash: appends what the escape stands for.
     bool escape(std::string& out) {
         if (end_ - p_ < 2) return false;
-        const char c = p_[1];
-        p_ += 2;
-        switch (c) {
-            case '"':
-            case '\\':
-            case '/':
-                out.push_back(c);
-                return true;
-            case 'b':
-                out.push_back('\b');
-                return true;
-            case 'f':
-                out.push_back('\f');
-                return true;
-            case 'n':
-                out.push_back('\n');
-                return true;
-            case 'r':
-                out.push_back('\r');
-                return true;
-            case 't':
-                out.push_back('\t');
-                return true;
-            case 'u':
-                break;
-            default:
-                return false;
-        }
-        uint32_t cp = 0;
-        if (!hex4(cp)) return false;
-        if (cp >= 0xD800 && cp <= 0xDBFF) {
-            uint32_t low = 0;
-            if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') return false;
-            p_ += 2;
-            if (!hex4(low) || low < 0xDC00 || low > 0xDFFF) return false;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-        } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
-            return false;
-        }
-        appendUtf8(out, static_cast<char32_t>(cp));
+        auto used =
+            decodeJsonEscape(std::string_view(p_ + 1, static_cast<size_t>(end_ - p_ - 1)), out);
+        if (!used) return false;
+        p_ += 1 + *used;
         return true;
-    }
-
-    bool hex4(uint32_t& out) {
-        if (end_ - p_ < 4) return false;
-        auto [ptr, ec] = std::from_chars(p_, p_ + 4, out, 16);
-        if (ec != std::errc() || ptr != p_ + 4) return false;
-        p_ += 4;
-        return true;
-    }
-
-    // Length of the valid UTF-8 sequence at `p`, or 0.
-    static size_t utf8Length(const char* p, const char* end) {
-        const auto* s = reinterpret_cast<const unsigned char*>(p);
-        const size_t avail = static_cast<size_t>(end - p);
-        size_t len = 0;
-        uint32_t cp = 0, min = 0;
-        if ((s[0] & 0xE0) == 0xC0)
-            len = 2, min = 0x80, cp = s[0] & 0x1F;
-        else if ((s[0] & 0xF0) == 0xE0)
-            len = 3, min = 0x800, cp = s[0] & 0x0F;
-        else if ((s[0] & 0xF8) == 0xF0)
-            len = 4, min = 0x10000, cp = s[0] & 0x07;
-        if (len == 0 || len > avail) return 0;
-        for (size_t k = 1; k < len; ++k) {
-            if ((s[k] & 0xC0) != 0x80) return 0;
-            cp = (cp << 6) | (s[k] & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-        return len;
     }
 
     // The JSON number grammar: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
@@ -388,16 +324,7 @@ nlohmann::json sessionJson(const HistorySession& s) {
 }  // namespace
 
 std::string exposureLabel(AddressClass addressClass) {
-    const auto& words = platformWords();
-    switch (addressClass) {
-        case AddressClass::thisMacOnly:
-            return words.thisMacOnly;
-        case AddressClass::oneNetwork:
-            return words.oneNetwork;
-        case AddressClass::allNetworks:
-            return words.allNetworks;
-    }
-    return words.thisMacOnly;
+    return reachLabel(addressClass);
 }
 
 HistoryEntry HistoryEntry::from(double time, const std::vector<PortRow>& rows,

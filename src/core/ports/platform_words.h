@@ -18,4 +18,8 @@ struct PlatformWords {
 /// This platform's words.
 const PlatformWords& platformWords();
 
+enum class AddressClass;
+/// The label of how far a listener reaches, in this platform's words.
+const char* reachLabel(AddressClass addressClass);
+
 }  // namespace wharfy

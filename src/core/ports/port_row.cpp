@@ -1,5 +1,7 @@
 #include "core/ports/port_row.h"
 
+#include "core/ports/platform_words.h"
+
 #include <string_view>
 
 namespace wharfy {
@@ -14,6 +16,19 @@ const char* rawValue(AddressClass c) {
             return "allNetworks";
     }
     return "thisMacOnly";
+}
+
+const char* reachLabel(AddressClass c) {
+    const auto& words = platformWords();
+    switch (c) {
+        case AddressClass::thisMacOnly:
+            return words.thisMacOnly;
+        case AddressClass::oneNetwork:
+            return words.oneNetwork;
+        case AddressClass::allNetworks:
+            return words.allNetworks;
+    }
+    return words.thisMacOnly;
 }
 
 const char* ListenerRole::rawValue() const {
