@@ -13,6 +13,8 @@
 #include "app/export_command.h"
 #include "app/history_command.h"
 #include "app/ports_command.h"
+#include "app/suite_json_command.h"
+#include "app/suite_link.h"
 #include "app/terminal_text.h"
 #include "core/containers/port_container_mapper.h"
 #include "process/process_sampler.h"
@@ -38,6 +40,11 @@ CpuByProcess sampleCpu() {
     for (const auto& p : sampler.sample().processes)
         if (p.cpuPercent) cpu[p.identity] = *p.cpuPercent;
     return cpu;
+}
+
+double secondsSince1970() {
+    using namespace std::chrono;
+    return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
 int emit(const nlohmann::json& value) {
@@ -68,6 +75,11 @@ int printAll(const UserContext& user) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
+    const auto suiteFolders = liveSuiteFolders(args);  // a bad --suite-folder ends the run first
+    if (!suiteFolders) {
+        std::fprintf(stderr, "%s\n", suiteFolders.error().message().c_str());
+        return 2;
+    }
     if (auto problem = usageProblem(args)) {
         std::fprintf(stderr, "wharfy: %s\nTry 'wharfy --help' for more information.\n",
                      problem->c_str());
@@ -88,6 +100,8 @@ int main(int argc, char** argv) {
     if (hasOption("--agents-json", args))
         return emit(agentsJson(readAgents(user.home, user.uid).sessions));
     if (hasOption("--history-json", args)) return emit(historyJson(user));
+    if (hasOption("--suite-json", args))
+        return emit(suiteJson(suiteFolders.value().folders, secondsSince1970()));
     if (hasOption("--export", args))
         return exportCommand(user, valueAfter("--export", args).value_or(""), xdgRuntimeDir());
     return printAll(user);
