@@ -60,18 +60,18 @@ Bus connect(const std::string& address, std::string& problem) {
 bool driveUntil(sd_bus* bus, const bool& done, std::string& problem) {
     const auto deadline = steady_clock::now() + kTimeout;
     while (!done) {
-        int r = sd_bus_process(bus, nullptr);
-        if (r < 0) {
-            problem = errorText(r);
-            return false;
-        }
-        if (r > 0) continue;
         const auto left =
             std::chrono::duration_cast<std::chrono::microseconds>(deadline - steady_clock::now());
         if (left.count() <= 0) {
             problem = "the bus did not answer in time";
             return false;
         }
+        int r = sd_bus_process(bus, nullptr);
+        if (r < 0) {
+            problem = errorText(r);
+            return false;
+        }
+        if (r > 0) continue;
         r = sd_bus_wait(bus, static_cast<uint64_t>(left.count()));
         if (r < 0 && r != -EINTR) {
             problem = errorText(r);
