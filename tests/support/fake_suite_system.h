@@ -10,69 +10,63 @@
 
 namespace wharfy::testing {
 
-/// Folder watches the test fires by hand.
+/// Folder watches the test fires by hand; a watch ends with its handle.
 class FakeFolderWatches {
   public:
     nemarro::suite_ui::FolderWatchFactory factory() {
         return [this](const std::vector<std::string>& folders, std::function<void()> changed) {
             watched = folders;
-            auto callback = std::make_shared<std::function<void()>>(std::move(changed));
-            callbacks_.push_back(callback);
-            return std::make_unique<Watch>(callback);
+            auto watch = std::make_unique<Watch>();
+            watch->changed = std::make_shared<std::function<void()>>(std::move(changed));
+            live_ = watch->changed;
+            return watch;
         };
     }
-    /// Plays "a file changed" to every watch still alive.
-    void fire() {
-        for (const auto& weak : callbacks_)
-            if (auto callback = weak.lock()) (*callback)();
-    }
-    size_t alive() const {
-        size_t n = 0;
-        for (const auto& weak : callbacks_)
-            n += weak.expired() ? 0 : 1;
-        return n;
+    /// Plays "a file changed"; false when the watch has ended.
+    bool fire() {
+        auto changed = live_.lock();
+        if (changed) (*changed)();
+        return changed != nullptr;
     }
 
     std::vector<std::string> watched;
 
   private:
     struct Watch final : nemarro::suite_ui::FolderWatch {
-        explicit Watch(std::shared_ptr<std::function<void()>> c) : callback(std::move(c)) {}
-        std::shared_ptr<std::function<void()>> callback;
+        std::shared_ptr<std::function<void()>> changed;
     };
-    std::vector<std::weak_ptr<std::function<void()>>> callbacks_;
+    std::weak_ptr<std::function<void()>> live_;
 };
 
-/// Open requests that stay in the test: requests are recorded, and `arrive`
-/// plays a request to the listening app.
+/// Open requests that stay in the test: requests sent are recorded, and
+/// `arrive` plays one for the listening app.
 class FakeOpenRequests {
   public:
     nemarro::suite_ui::OpenRequestsFactory factory() {
-        return [this](nemarro::suite::SuiteApp app, std::function<void()> onOpen) {
-            auto listener = std::make_shared<std::function<void()>>(std::move(onOpen));
-            listeners_[app] = listener;
-            return std::make_unique<Channel>(this, listener);
+        return [this](nemarro::suite::SuiteApp, std::function<void()> onOpen) {
+            auto channel = std::make_unique<Channel>(this);
+            channel->onOpen = std::make_shared<std::function<void()>>(std::move(onOpen));
+            listener_ = channel->onOpen;
+            return channel;
         };
     }
-    /// Whether `app` was listening.
-    bool arrive(nemarro::suite::SuiteApp app) {
-        auto it = listeners_.find(app);
-        auto listener = it == listeners_.end() ? nullptr : it->second.lock();
-        if (listener) (*listener)();
-        return listener != nullptr;
+    /// False when nobody listens any more.
+    bool arrive() {
+        auto onOpen = listener_.lock();
+        if (onOpen) (*onOpen)();
+        return onOpen != nullptr;
     }
 
     std::vector<nemarro::suite::SuiteApp> requested;
 
   private:
     struct Channel final : nemarro::suite_ui::OpenRequests {
-        Channel(FakeOpenRequests* o, std::shared_ptr<std::function<void()>> l)
-            : owner(o), listener(std::move(l)) {}
+        explicit Channel(FakeOpenRequests* o) : owner(o) {}
         void requestOpen(nemarro::suite::SuiteApp app) override { owner->requested.push_back(app); }
         FakeOpenRequests* owner;
-        std::shared_ptr<std::function<void()>> listener;
+        std::shared_ptr<std::function<void()>> onOpen;
     };
-    std::map<nemarro::suite::SuiteApp, std::weak_ptr<std::function<void()>>> listeners_;
+    std::weak_ptr<std::function<void()>> listener_;
 };
 
 /// Boot and monotonic clocks the test moves; `sleep` plays a suspend.
