@@ -24,7 +24,7 @@ std::string percent(double value, bool tenths) {
 std::string stateText(const AgentStatus& status) {
     if (status.runaway) {
         if (auto memory = status.runaway->as<RunawayReason::Memory>())
-            return "runaway: memory " + gigabytes(memory->bytes);
+            return "runaway: memory " + formatBytes(memory->bytes);
         if (auto cpu = status.runaway->as<RunawayReason::Cpu>())
             return "runaway: CPU " + percent(cpu->averagePercent, false);
     }
@@ -99,7 +99,7 @@ std::string agentsText(const AgentsReport& report, std::optional<size_t> width) 
         const AgentStatus status = i < report.statuses.size() ? report.statuses[i] : AgentStatus{};
         table.add({displayName(s.tool), terminalSafe(s.version.value_or("-")),
                    std::to_string(s.root.identity.pid), std::to_string(s.processCount()),
-                   s.cpuPercent ? percent(*s.cpuPercent, true) : "-", gigabytes(s.footprint),
+                   s.cpuPercent ? percent(*s.cpuPercent, true) : "-", formatBytes(s.footprint),
                    stateText(status), s.project ? terminalSafe(projectCell(*s.project)) : "-",
                    notesText(s)});
     }

@@ -1,6 +1,10 @@
 #include "app/containers_command.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <system_error>
+#include <thread>
 
 #include "app/terminal_text.h"
 #include "core/containers/container_actions.h"
@@ -18,7 +22,7 @@ std::optional<uint64_t> allocatedTotal(const std::vector<DiskFile>& files) {
     if (files.empty()) return std::nullopt;
     uint64_t total = 0;
     for (const auto& f : files)
-        total += f.allocatedBytes;
+        total = f.allocatedBytes > UINT64_MAX - total ? UINT64_MAX : total + f.allocatedBytes;
     return total;
 }
 
@@ -37,18 +41,19 @@ std::string portsText(const ContainerInfo& c) {
 }  // namespace
 
 RuntimeReport readRuntime(const RuntimeInfo& runtime, ContainerService* service) {
-    RuntimeReport report{
-        runtime, {}, std::nullopt, VMDiskMeter::measure(runtime.diskImagePaths), std::nullopt};
+    RuntimeReport report{runtime,      {},
+                         std::nullopt, VMDiskMeter::measure(runtime.diskImagePaths),
+                         std::nullopt, std::nullopt};
     if (!runtime.isMeasurable() || service == nullptr) return report;
     auto containers = service->containers();
     if (!containers) {
-        report.error = "Could not read containers (" + containers.error().description() + ").";
+        report.error = "Could not read the runtime (" + containers.error().description() + ").";
         return report;
     }
     report.containers = std::move(containers).value();
     auto sizes = service->sizes(false);
     if (!sizes) {
-        report.error = "Could not read sizes (" + sizes.error().description() + ").";
+        report.sizesError = "Could not read sizes (" + sizes.error().description() + ").";
         return report;
     }
     report.sizes = std::move(sizes).value();
@@ -56,17 +61,48 @@ RuntimeReport readRuntime(const RuntimeInfo& runtime, ContainerService* service)
 }
 
 std::vector<RuntimeReport> readRuntimes(const std::string& home,
-                                        const std::optional<std::string>& xdgRuntimeDir) {
-    RuntimeDetector detector(home, xdgRuntimeDir, std::make_shared<LiveDetectorFileSystem>());
-    std::vector<RuntimeReport> reports;
-    for (const auto& runtime : detector.detect()) {
-        if (runtime.isMeasurable()) {
-            auto service = ContainerService::forSocket(*runtime.socketPath);
-            reports.push_back(readRuntime(runtime, &service));
-        } else {
-            reports.push_back(readRuntime(runtime, nullptr));
+                                        const std::optional<std::string>& xdgRuntimeDir,
+                                        std::optional<std::chrono::milliseconds> budget) {
+    using Clock = UnixSocketTransport::Clock;
+    const auto start = Clock::now();
+    std::optional<Clock::time_point> notAfter;
+    if (budget) notAfter = start + *budget;
+    // Every ping shares one deadline, whichever thread sends it.
+    auto pingsEnd = start + std::chrono::seconds(DetectorFileSystem::kProbeTimeoutSeconds);
+    if (notAfter) pingsEnd = std::min(pingsEnd, *notAfter);
+    auto fileSystem = std::make_shared<LiveDetectorFileSystem>(pingsEnd);
+    RuntimeDetector detector(home, xdgRuntimeDir, fileSystem);
+    const auto candidates = detector.candidates();
+
+    // Each socket is pinged and, if it answered, read on its own thread, so
+    // that one engine's silence never holds back another's containers.
+    std::vector<RuntimeReport> reports(candidates.size());
+    auto read = [&](size_t i) {
+        const RuntimeCandidate& candidate = candidates[i];
+        const auto answer =
+            candidate.probe ? fileSystem->ping({*candidate.probe}).front() : SocketAnswer::refused;
+        const RuntimeInfo runtime = RuntimeDetector::settled(candidate, answer);
+        if (!runtime.isMeasurable()) {
+            reports[i] = readRuntime(runtime, nullptr);
+            return;
+        }
+        auto service = ContainerService::forSocket(*runtime.socketPath, notAfter);
+        reports[i] = readRuntime(runtime, service.get());
+    };
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        if (!candidates[i].probe) {
+            read(i);
+            continue;
+        }
+        try {
+            threads.emplace_back(read, i);
+        } catch (const std::system_error&) {
+            read(i);  // no thread to be had: every request still has its deadline
         }
     }
+    for (auto& t : threads)
+        t.join();
     return reports;
 }
 
@@ -84,19 +120,18 @@ json containersJson(const std::vector<RuntimeReport>& reports) {
             o["diskFiles"] = std::move(files);
             if (auto total = allocatedTotal(r.diskFiles)) o["macDiskBytes"] = *total;
         }
-        if (r.runtime.remoteEndpoint) {
-            o["state"] = "remote";
-            o["remoteEndpoint"] = *r.runtime.remoteEndpoint;
-        } else if (!r.runtime.isMeasurable()) {
-            o["state"] = "notRunning";
-        } else {
-            o["socket"] = *r.runtime.socketPath;
-            if (r.error) o["error"] = *r.error;
-            if (!r.error || r.sizes) {
+        o["state"] = r.runtime.stateName();
+        if (r.runtime.remoteEndpoint) o["remoteEndpoint"] = *r.runtime.remoteEndpoint;
+        if (r.runtime.socketPath) o["socket"] = *r.runtime.socketPath;
+        if (r.runtime.isMeasurable()) {
+            if (r.error) {
+                o["error"] = *r.error;
+            } else {
                 ContainerCounts counts{r.containers};
                 o["running"] = counts.running();
                 o["stopped"] = counts.stopped();
             }
+            if (r.sizesError) o["sizesError"] = *r.sizesError;
             if (r.sizes) {
                 const DiskUsage& u = r.sizes->usage;
                 o["imagesBytes"] = nonNegative(u.imagesSize());
@@ -118,7 +153,7 @@ std::string containersText(const std::vector<RuntimeReport>& reports) {
     if (reports.empty()) return out + "  " + kNoRuntimeFoundText + "\n";
     for (const auto& r : reports) {
         out += terminalSafe(r.runtime.displayName);
-        if (r.runtime.isMeasurable()) out += "  " + terminalSafe(*r.runtime.socketPath);
+        if (r.runtime.socketPath) out += "  " + terminalSafe(*r.runtime.socketPath);
         out += "\n";
         if (auto state = r.runtime.stateText()) out += "  " + terminalSafe(*state) + "\n";
         if (r.error) out += "  " + terminalSafe(*r.error) + "\n";
@@ -131,21 +166,22 @@ std::string containersText(const std::vector<RuntimeReport>& reports) {
                            terminalSafe(c.status), terminalSafe(portsText(c))});
             out += table.render("  ");
         }
+        if (r.sizesError) out += "  " + terminalSafe(*r.sizesError) + "\n";
         if (r.sizes) {
             const DiskUsage& u = r.sizes->usage;
-            out += "  Images " + gigabytes(nonNegative(u.imagesSize())) + " (" +
+            out += "  Images " + formatBytes(nonNegative(u.imagesSize())) + " (" +
                    std::to_string(u.images.size()) + ", " +
                    std::to_string(r.sizes->danglingImageIDs.size()) + " dangling), volumes " +
-                   gigabytes(nonNegative(u.volumesSize())) + " (" +
+                   formatBytes(nonNegative(u.volumesSize())) + " (" +
                    std::to_string(u.volumes.size()) + ", " +
                    std::to_string(u.unusedVolumes().size()) + " unused), reclaimable build cache " +
-                   gigabytes(nonNegative(u.reclaimableBuildCache())) + "\n";
+                   formatBytes(nonNegative(u.reclaimableBuildCache())) + "\n";
         }
         if (auto total = allocatedTotal(r.diskFiles)) {
-            out += "  Disk images on this computer " + gigabytes(*total) + "\n";
+            out += "  Disk images on this computer " + formatBytes(*total) + "\n";
             for (const auto& f : r.diskFiles)
-                out += "    " + terminalSafe(f.path) + "  " + gigabytes(f.allocatedBytes) + " of " +
-                       gigabytes(f.nominalBytes) + "\n";
+                out += "    " + terminalSafe(f.path) + "  " + formatBytes(f.allocatedBytes) +
+                       " of " + formatBytes(f.nominalBytes) + "\n";
             out += "  " + std::string(diskImageNote()) + "\n";
         }
     }

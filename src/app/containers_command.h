@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,8 +19,11 @@ struct RuntimeReport {
     std::optional<CachedSizes> sizes;
     /// The runtime's disk-image files that exist on this computer.
     std::vector<DiskFile> diskFiles;
-    /// The user-facing text of a failed read.
+    /// "Could not read the runtime (…)." when its containers could not be read.
     std::optional<std::string> error;
+    /// "Could not read sizes (…)." when the containers were read but the
+    /// disk use was not.
+    std::optional<std::string> sizesError;
 
     bool operator==(const RuntimeReport&) const = default;
 };
@@ -28,12 +32,20 @@ struct RuntimeReport {
 /// measurable, and its disk images in any case.
 RuntimeReport readRuntime(const RuntimeInfo& runtime, ContainerService* service);
 
-/// Detects the runtimes of `home` and reads each one. Blocking: up to a few
-/// seconds per engine that does not answer.
-std::vector<RuntimeReport> readRuntimes(const std::string& home,
-                                        const std::optional<std::string>& xdgRuntimeDir);
+/// What the one-shot report gives the engines in all; past it, a runtime
+/// still being read is reported as not having answered in time.
+inline constexpr std::chrono::milliseconds kReportEngineBudget{3000};
 
-/// The object printed by `wharfy --containers-json`: {"runtimes": [...]}.
+/// Detects the runtimes of `home` and reads each one, every engine at the
+/// same time: a runtime is read as soon as its own socket answered. Pings
+/// share one 3 s deadline; with `budget`, nothing lasts longer than it.
+std::vector<RuntimeReport> readRuntimes(
+    const std::string& home, const std::optional<std::string>& xdgRuntimeDir,
+    std::optional<std::chrono::milliseconds> budget = std::nullopt);
+
+/// The object printed by `wharfy --containers-json`: {"runtimes": [...]},
+/// each with its "state" ("running", "notRunning", "notAnswering",
+/// "permissionDenied" or "remote").
 nlohmann::json containersJson(const std::vector<RuntimeReport>& reports);
 
 /// The runtime section printed by `wharfy`: each runtime's state, its

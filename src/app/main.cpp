@@ -56,8 +56,9 @@ int emit(const nlohmann::json& value) {
 /// Everything at once, as readable tables. The engines and the agent
 /// sampling are slow, so they run while the CPU sample is taken.
 int printAll(const UserContext& user) {
-    auto runtimes =
-        std::async(std::launch::async, [&] { return readRuntimes(user.home, xdgRuntimeDir()); });
+    auto runtimes = std::async(std::launch::async, [&] {
+        return readRuntimes(user.home, xdgRuntimeDir(), kReportEngineBudget);
+    });
     auto agents = std::async(std::launch::async, [&] { return readAgents(user.home, user.uid); });
     const auto cpu = sampleCpu();
     const auto reports = runtimes.get();

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "common/text.h"
 
@@ -19,12 +20,40 @@ size_t displayWidth(std::string_view s) {
     return n;
 }
 
-void appendHex(std::string& out, const char* prefix, unsigned value, const char* suffix = "") {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    out += prefix;
-    out += kDigits[(value >> 4) & 0xF];
-    out += kDigits[value & 0xF];
-    out += suffix;
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+/// "\x1b" style: exactly two digits.
+void appendByteEscape(std::string& out, unsigned char c) {
+    out += "\\x";
+    out += kHexDigits[c >> 4];
+    out += kHexDigits[c & 0xF];
+}
+
+/// "\u{202e}" style: the code point without leading zeros.
+void appendCodePointEscape(std::string& out, char32_t cp) {
+    out += "\\u{";
+    int shift = 20;
+    while (shift > 0 && ((cp >> shift) & 0xF) == 0)
+        shift -= 4;
+    for (; shift >= 0; shift -= 4)
+        out += kHexDigits[(cp >> shift) & 0xF];
+    out += '}';
+}
+
+// C1 controls include CSI, which terminals honour like ESC [. The
+// bidirectional controls reorder what follows them on screen, so a name can
+// show text other than the bytes it holds.
+bool mustEscape(char32_t cp) {
+    return (cp >= 0x80 && cp <= 0x9F) || cp == 0x061C || cp == 0x200E || cp == 0x200F ||
+           (cp >= 0x202A && cp <= 0x202E) || (cp >= 0x2066 && cp <= 0x2069);
+}
+
+/// Length of the UTF-8 sequence that starts with `lead`, which must be valid.
+size_t sequenceLength(unsigned char lead) {
+    if (lead < 0x80) return 1;
+    if (lead < 0xE0) return 2;
+    if (lead < 0xF0) return 3;
+    return 4;
 }
 
 }  // namespace
@@ -34,40 +63,56 @@ std::string terminalSafe(std::string_view text) {
     std::string out;
     out.reserve(repaired.size());
     const auto* s = reinterpret_cast<const unsigned char*>(repaired.data());
-    for (size_t i = 0; i < repaired.size(); ++i) {
-        unsigned char c = s[i];
-        if (c == '\\')
-            out += "\\\\";
-        else if (c == 0x1B)
-            out += "\\e";
-        else if (c == '\n')
-            out += "\\n";
-        else if (c == '\t')
-            out += "\\t";
-        else if (c == '\r')
-            out += "\\r";
-        else if (c < 0x20 || c == 0x7F)
-            appendHex(out, "\\x", c);
-        else if (c == 0xC2 && i + 1 < repaired.size() && s[i + 1] >= 0x80 && s[i + 1] <= 0x9F) {
-            // C1 controls (U+0080..U+009F) include CSI, which terminals honour too.
-            appendHex(out, "\\u{", s[i + 1], "}");
+    for (size_t i = 0; i < repaired.size();) {
+        const unsigned char c = s[i];
+        const size_t len = sequenceLength(c);
+        if (len == 1) {
+            if (c == '\\')
+                out += "\\\\";
+            else if (c == 0x1B)
+                out += "\\e";
+            else if (c == '\n')
+                out += "\\n";
+            else if (c == '\t')
+                out += "\\t";
+            else if (c == '\r')
+                out += "\\r";
+            else if (c < 0x20 || c == 0x7F)
+                appendByteEscape(out, c);
+            else
+                out.push_back(static_cast<char>(c));
             ++i;
-        } else
-            out.push_back(static_cast<char>(c));
+            continue;
+        }
+        // repairUtf8 leaves only complete, valid sequences.
+        char32_t cp = c & (0xFF >> (len + 1));
+        for (size_t k = 1; k < len; ++k)
+            cp = (cp << 6) | (s[i + k] & 0x3F);
+        if (mustEscape(cp))
+            appendCodePointEscape(out, cp);
+        else
+            out.append(repaired, i, len);
+        i += len;
     }
     return out;
 }
 
-std::string gigabytes(uint64_t bytes) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%.1f GB", static_cast<double>(bytes) / 1e9);
-    return buf;
-}
-
 std::string formatBytes(uint64_t bytes) {
-    if (bytes >= 1'000'000'000) return gigabytes(bytes);
     char buf[32];
-    std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(bytes) / 1e6);
+    if (bytes < 1000) {
+        std::snprintf(buf, sizeof buf, "%u B", static_cast<unsigned>(bytes));
+        return buf;
+    }
+    static constexpr const char* kUnits[] = {"KB", "MB", "GB", "TB"};
+    double value = static_cast<double>(bytes) / 1000.0;
+    size_t unit = 0;
+    // 999,960 bytes would print as "1000.0 KB": move up once the rounded
+    // figure reaches 1000.
+    while (value >= 999.95 && unit + 1 < std::size(kUnits)) {
+        value /= 1000.0;
+        ++unit;
+    }
+    std::snprintf(buf, sizeof buf, "%.1f %s", value, kUnits[unit]);
     return buf;
 }
 

@@ -8,15 +8,14 @@
 
 namespace wharfy::app {
 
-/// Text from the machine made safe for a terminal: control characters,
-/// escape sequences and invalid UTF-8 are shown as visible escapes (\e, \n,
-/// \x7f, \u{9b}), never sent raw.
+/// Text from the machine made safe for a terminal: control characters (C0,
+/// DEL, C1), escape sequences and the Unicode bidirectional controls are shown
+/// as visible escapes (\e, \n, \x7f, \u{9b}, \u{202e}), never sent raw.
+/// Invalid UTF-8 becomes U+FFFD, so the result is always valid UTF-8.
 std::string terminalSafe(std::string_view text);
 
-/// Bytes as the user reads them: decimal gigabytes, "%.1f GB".
-std::string gigabytes(uint64_t bytes);
-
-/// Small sizes in decimal megabytes, large ones in gigabytes ("12.3 MB", "4.1 GB").
+/// Bytes as the user reads them, in the decimal unit that fits: "512 B",
+/// "2.0 MB", "4.1 GB", "1.2 TB".
 std::string formatBytes(uint64_t bytes);
 
 /// Columns of a plain-text table, widths fitted to the content. Cells must be

@@ -11,9 +11,9 @@ std::string ProcessIdentity::text() const {
 }
 
 std::optional<ProcessIdentity> ProcessIdentity::current(int32_t pid) {
-    auto info = ProcessReader::bsdInfo(pid);
-    if (!info) return std::nullopt;
-    return ProcessIdentity{pid, info->startTime};
+    auto start = ProcessReader::startTime(pid);
+    if (!start) return std::nullopt;
+    return ProcessIdentity{pid, *start};
 }
 
 std::string FileIdentity::text() const {

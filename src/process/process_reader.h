@@ -60,12 +60,29 @@ struct ProcessFacts {
     bool operator==(const ProcessFacts&) const = default;
 };
 
+/// One entry of the process table.
+struct PidEntry {
+    int32_t pid = 0;
+    /// A mark of the entry: a pid given to a new process always shows a new
+    /// serial. The same process may also show a new one now and then, so an
+    /// unchanged serial means "seen before", a changed one only "read again".
+    uint64_t serial = 0;
+
+    bool operator==(const PidEntry&) const = default;
+};
+
 /// Stateless reads of the kernel's per-process information. Every read that
 /// fails (process gone, another user's, no rights) is an absent value.
 struct ProcessReader {
     /// Every pid >= 1, in kernel order.
     static std::vector<int32_t> allPIDs();
+    /// allPIDs() with each entry's serial, in the same order and at the same
+    /// cost, so a scan can skip processes it has already seen.
+    static std::vector<PidEntry> pidEntries();
     static std::optional<BSDInfo> bsdInfo(int32_t pid);
+    /// Only the start time (microseconds since the epoch): the cheapest read
+    /// that tells a process from an earlier one with the same pid.
+    static std::optional<uint64_t> startTime(int32_t pid);
     static std::optional<std::string> executablePath(int32_t pid);
     static std::optional<std::string> currentDirectory(int32_t pid);
     /// argv, argv[0] first, UTF-8 repaired.
@@ -74,12 +91,17 @@ struct ProcessReader {
     static std::optional<std::vector<std::string>> arguments(int32_t pid,
                                                              std::vector<char>& buffer);
     static std::optional<Usage> usage(int32_t pid);
+    /// usage(pid).footprint alone, without reading the other counters.
+    static std::optional<uint64_t> footprint(int32_t pid);
     /// bsdInfo and usage in one read, for scans of the whole table.
     static std::optional<ProcessFacts> facts(int32_t pid);
     /// The descriptor table, in descriptor order.
     static std::optional<std::vector<FileDescriptor>> fileDescriptors(int32_t pid);
     /// The socket inode that descriptor `fd` of `pid` names now, if it is a socket.
     static std::optional<uint64_t> socketInode(int32_t pid, int32_t fd);
+    /// The control groups the process belongs to, as the kernel lists them
+    /// ("ID:CONTROLLERS:PATH" lines); absent where the platform has none.
+    static std::optional<std::string> controlGroups(int32_t pid);
     /// The bytes a full argument read may need.
     static size_t argumentsBufferSize();
 };

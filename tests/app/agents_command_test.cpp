@@ -46,7 +46,7 @@ TEST(AgentsCommandTest, TextTableEscapesMachineTextAndShowsState) {
     EXPECT_EQ(text.find_first_of("\x1b\x07"), std::string::npos) << text;
     for (const char* expected : {"Claude Code  2.0.14   812  3          12.5%  5.2 GB",
                                  "runaway: memory 5.2 GB  \\e[31mapp (git)",
-                                 "Codex        -        900  1          -      0.0 GB  idle",
+                                 "Codex        -        900  1          -      1.0 KB  idle",
                                  "run by the Claude app, left-behind daemon"})
         EXPECT_NE(text.find(expected), std::string::npos) << expected << "\n" << text;
     EXPECT_EQ(agentsText({}), "Agent sessions\n  No agent sessions running.\n");

@@ -32,7 +32,7 @@ RuntimeInfo runtime(const char* context) {
     info.kind.value = RuntimeKind::Context{context};
     info.displayName = context;
     info.socketPath = std::string("/run/") + context + ".sock";
-    info.isRunning = true;
+    info.status = RuntimeStatus::running;
     return info;
 }
 
@@ -72,6 +72,11 @@ struct ModelTest : ::testing::Test {
         parts.log = [this](const std::string& m) { logged.push_back(m); };
         return std::make_unique<AppModel>(loop, std::move(parts));
     }
+    /// How many ticks have read the process table.
+    long reads() const {
+        const auto calls = reader->calls();
+        return std::count(calls.begin(), calls.end(), "processes");
+    }
     /// Runs the loop until the model has finished a tick.
     void tick(AppModel& model) {
         ASSERT_TRUE(loop.drainUntil([&] { return !model.isRefreshing(); }));
@@ -80,7 +85,7 @@ struct ModelTest : ::testing::Test {
 
 TEST_F(ModelTest, PortsArePublishedBeforeASlowEngineAnswers) {
     reader->processes.ports = {row(8080, "web", AddressClass::allNetworks)};
-    reader->processes.runtimes = {runtime("slow"), runtime("quick")};
+    reader->runtimes = {runtime("slow"), runtime("quick")};
     reader->runtimeReadings["context(name: \"quick\")"] = {{container("q", true)}, {}, {}};
     reader->runtimeReadings["context(name: \"slow\")"] = {{}, {}, "the engine did not answer"};
     reader->hold("context(name: \"slow\")");
@@ -121,21 +126,21 @@ TEST_F(ModelTest, VisibilitySetsTheCadenceAndMarksAlertsSeen) {
     EXPECT_EQ(loop.nextTimerIn(), 60.0);
 
     loop.advance(10);  // a while later the app is shown: at once, then every 5 s
-    const auto before = reader->calls().size();
+    const auto before = reads();
     model->setVisible(true);
     EXPECT_EQ(model->unseenAlerts(), 0);
     tick(*model);
-    EXPECT_EQ(reader->calls().size(), before + 1);
+    EXPECT_EQ(reads(), before + 1);
     EXPECT_EQ(loop.nextTimerIn(), 5.0);
     loop.advance(5);
     tick(*model);
-    EXPECT_EQ(reader->calls().size(), before + 2);
+    EXPECT_EQ(reads(), before + 2);
 
     model->setWindowOpen(true);
     model->setVisible(false);
     tick(*model);
     EXPECT_EQ(loop.nextTimerIn(), 60.0);
-    EXPECT_EQ(reader->calls().size(), before + 3) << "hiding refreshes at once too";
+    EXPECT_EQ(reads(), before + 3) << "hiding refreshes at once too";
 }
 
 TEST_F(ModelTest, AlertsCountAsUnseenOnlyWhenRefusedAndKeepThatTickOutOfHistory) {
@@ -222,13 +227,13 @@ TEST_F(ModelTest, AConfirmedStopActsOnThePlanShownThenReportsAndRefreshes) {
     loop.drainUntil([] { return false; }, std::chrono::milliseconds(20));
     EXPECT_EQ(model->pending()->as<PendingAction::Stop>()->plan, shown);
 
-    const auto callsBefore = reader->calls().size();
+    const auto callsBefore = reads();
     model->confirm();
     EXPECT_TRUE(model->isWorking());
     ASSERT_TRUE(loop.drainUntil([&] { return !model->isWorking() && !model->isRefreshing(); }));
     EXPECT_EQ(actions->stopped(), std::vector<StopPlan>{shown});
     EXPECT_EQ(model->notice()->text, "Stopped. Port 3000 is free.");
-    EXPECT_GT(reader->calls().size(), callsBefore) << "a refresh follows the report";
+    EXPECT_GT(reads(), callsBefore) << "a refresh follows the report";
 
     model->requestStop(web);
     ASSERT_TRUE(loop.drainUntil([&] { return model->pending().has_value(); }));

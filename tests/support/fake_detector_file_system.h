@@ -10,23 +10,34 @@
 namespace wharfy::testing {
 
 /// An in-memory file system for the runtime detector: sockets (with links to
-/// them), folders, files, and which sockets answer. Records each socket pinged.
+/// them), folders, files, and what each socket answers. Records each batch of
+/// sockets pinged.
 class FakeDetectorFileSystem final : public DetectorFileSystem {
   public:
     /// path → resolved path, for every socket path and link to one.
     std::map<std::string, std::string> sockets;
-    /// Resolved socket paths that have an engine behind them.
-    std::set<std::string> answering;
+    /// Resolved socket path → its answer; a socket not listed refuses.
+    std::map<std::string, SocketAnswer> answers;
     std::set<std::string> paths;
     std::map<std::string, std::vector<std::string>> folders;
     std::map<std::string, std::string> files;
-    mutable std::vector<std::string> pinged;
+    mutable std::vector<std::vector<std::string>> pingBatches;
 
     /// A socket at `path` (resolving to `target`, itself when empty).
-    void addSocket(const std::string& path, bool answers, const std::string& target = "") {
+    void addSocket(const std::string& path, SocketAnswer answer, const std::string& target = "") {
         const std::string resolved = target.empty() ? path : target;
         sockets[path] = resolved;
-        if (answers) answering.insert(resolved);
+        answers[resolved] = answer;
+    }
+    void addSocket(const std::string& path, bool answering, const std::string& target = "") {
+        addSocket(path, answering ? SocketAnswer::answered : SocketAnswer::refused, target);
+    }
+    /// Every socket pinged, in order.
+    std::vector<std::string> pinged() const {
+        std::vector<std::string> all;
+        for (const auto& batch : pingBatches)
+            all.insert(all.end(), batch.begin(), batch.end());
+        return all;
     }
 
     std::optional<std::string> resolve(const std::string& path) const override {
@@ -35,10 +46,15 @@ class FakeDetectorFileSystem final : public DetectorFileSystem {
         return std::nullopt;
     }
     bool isSocket(const std::string& path) const override { return sockets.contains(path); }
-    bool canConnect(const std::string& path) const override {
-        pinged.push_back(path);
-        auto it = sockets.find(path);
-        return it != sockets.end() && answering.contains(it->second);
+    std::vector<SocketAnswer> ping(const std::vector<std::string>& batch) const override {
+        pingBatches.push_back(batch);
+        std::vector<SocketAnswer> out;
+        for (const auto& path : batch) {
+            auto it = sockets.find(path);
+            auto answer = it == sockets.end() ? answers.end() : answers.find(it->second);
+            out.push_back(answer == answers.end() ? SocketAnswer::refused : answer->second);
+        }
+        return out;
     }
     bool exists(const std::string& path) const override {
         return paths.contains(path) || folders.contains(path) || files.contains(path) ||

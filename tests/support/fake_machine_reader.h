@@ -18,6 +18,7 @@ namespace wharfy::testing {
 class FakeMachineReader final : public app::MachineReader {
   public:
     app::ProcessReading processes;
+    std::vector<RuntimeInfo> runtimes;
     std::map<std::string, app::RuntimeReading> runtimeReadings;
     std::map<std::string, Result<CachedSizes, std::string>> sizeReadings;
 
@@ -25,6 +26,11 @@ class FakeMachineReader final : public app::MachineReader {
         std::lock_guard lock(mutex_);
         calls_.push_back("processes");
         return processes;
+    }
+    std::vector<RuntimeInfo> detectRuntimes() override {
+        std::lock_guard lock(mutex_);
+        calls_.push_back("detect");
+        return runtimes;
     }
     app::RuntimeReading readRuntime(const RuntimeInfo& runtime) override {
         std::unique_lock lock(mutex_);

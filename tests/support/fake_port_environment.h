@@ -19,7 +19,11 @@ class FakePortEnvironment final : public PortEnvironment {
         std::optional<std::vector<std::string>> arguments;
         std::optional<std::string> cwd;
         std::optional<uint64_t> footprint;
+        /// A launchd label naming this process.
         std::optional<std::string> label;
+        /// /proc/PID/cgroup text; once any process has one, labels come
+        /// from systemd units instead of `label`.
+        std::optional<std::string> cgroup;
     };
 
     std::map<int32_t, Process> processes;
@@ -45,6 +49,22 @@ class FakePortEnvironment final : public PortEnvironment {
     std::vector<nemarro::process::ListeningSocket> listeningSockets() override { return sockets; }
     std::vector<NetstatListener> netstatListeners() override { return netstat; }
     LaunchdJobs launchdJobs() override {
+        bool units = false;
+        for (const auto& [pid, p] : processes)
+            units = units || p.cgroup.has_value();
+        if (units) {
+            return LaunchdJobs(
+                [this](int32_t pid) -> std::optional<UnitPlacement> {
+                    auto it = processes.find(pid);
+                    if (it == processes.end() || !it->second.cgroup) return std::nullopt;
+                    return SystemdLabels::placementFromCgroup(*it->second.cgroup);
+                },
+                [this](int32_t pid) -> std::optional<int32_t> {
+                    auto it = processes.find(pid);
+                    if (it == processes.end()) return std::nullopt;
+                    return it->second.info.ppid;
+                });
+        }
         std::map<int32_t, std::string> labels;
         for (const auto& [pid, p] : processes)
             if (p.label) labels[pid] = *p.label;

@@ -6,6 +6,7 @@
 //   --udp ADDR:PORT      UDP socket
 //   --connected          a connected TCP pair to a private listener (closed)
 //   --workers N          fork N workers that inherit every socket
+//   --fork-on-usr1       fork one more worker on each SIGUSR1; exited workers are reaped
 //   --zombie             fork a child that exits at once and is never reaped
 //   --ignore-term        ignore SIGTERM
 //   --exit-on-term       (default) exit 0 on SIGTERM
@@ -191,7 +192,7 @@ int main(int argc, char** argv) {
     int workers = 0;
     bool zombie = false, busy = false, ignoreTerm = false, connected = false;
     bool busyChild = false;
-    bool keepWorkers = false, respawn = false;
+    bool keepWorkers = false, respawn = false, forkOnUsr1 = false;
     std::vector<int> listeners;
     std::vector<std::string> listenSpecs;
     std::string input;
@@ -230,6 +231,8 @@ int main(int argc, char** argv) {
             ::prctl(PR_SET_NAME, next().c_str(), 0, 0, 0);
         else if (a == "--keep-workers")
             keepWorkers = true;
+        else if (a == "--fork-on-usr1")
+            forkOnUsr1 = true;
         else if (a == "--respawn")
             respawn = true;
         else if (a == "--stdin") {
@@ -276,8 +279,14 @@ int main(int argc, char** argv) {
     }
     ::signal(SIGTERM, ignoreTerm ? SIG_IGN : onTerm);
 
-    std::vector<pid_t> children;
-    for (int w = 0; w < workers; ++w) {
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    if (forkOnUsr1) {
+        ::signal(SIGCHLD, SIG_IGN);  // a killed worker's pid is free at once
+        ::sigprocmask(SIG_BLOCK, &usr1, nullptr);
+    }
+    auto startWorker = [&] {
         pid_t pid = ::fork();
         if (pid < 0) die("fork");
         if (pid == 0) {
@@ -285,8 +294,11 @@ int main(int argc, char** argv) {
             for (;;)
                 ::pause();
         }
-        children.push_back(pid);
-    }
+        return pid;
+    };
+    std::vector<pid_t> children;
+    for (int w = 0; w < workers; ++w)
+        children.push_back(startWorker());
     if (busyChild) {
         pid_t pid = forkTiedChild();
         if (pid == 0) {
@@ -315,6 +327,10 @@ int main(int argc, char** argv) {
     std::printf("\n");
     std::fflush(stdout);
 
+    while (forkOnUsr1) {
+        int signal = 0;
+        if (::sigwait(&usr1, &signal) == 0) startWorker();
+    }
     if (busy) {
         volatile unsigned long spin = 0;
         for (;;)

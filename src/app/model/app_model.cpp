@@ -37,6 +37,8 @@ struct AppModel::Tick {
     double now = 0;
     /// The rows as read, before containers are attached.
     std::vector<PortRow> rows;
+    bool processesRead = false;
+    bool runtimesRead = false;
     size_t pendingRuntimes = 0;
 };
 
@@ -139,9 +141,14 @@ void AppModel::refresh() {
     tick->now = loop_.now();
     // Linux has no folder-access permission to probe: every folder may be read.
     fullDiskAccess_ = true;
+    // Processes and runtimes are read side by side, so that a socket that
+    // never answers holds back neither the ports nor the sessions.
     runInBackground(
         loop_, alive_, [reader = parts_.reader] { return reader->readProcesses(); },
         [this, tick](ProcessReading reading) { onProcesses(tick, std::move(reading)); });
+    runInBackground(
+        loop_, alive_, [reader = parts_.reader] { return reader->detectRuntimes(); },
+        [this, tick](std::vector<RuntimeInfo> found) { onDetected(tick, std::move(found)); });
 }
 
 std::vector<PortRow> AppModel::attached(std::vector<PortRow> rows) const {
@@ -160,14 +167,21 @@ void AppModel::onProcesses(const std::shared_ptr<Tick>& tick, ProcessReading rea
     statuses_ = std::move(statuses);
     sessions_ = std::move(reading.sessions);
 
+    // The containers known so far go with the rows at once; each runtime's
+    // fresh ones follow as its engine answers.
     tick->rows = std::move(reading.ports);
+    tick->processesRead = true;
     ports_ = attached(tick->rows);
     lastRefresh_ = now;
+    publish();
+    if (tick->runtimesRead) finishTick(tick);
+}
 
+void AppModel::onDetected(const std::shared_ptr<Tick>& tick, std::vector<RuntimeInfo> found) {
     // The runtimes found now, each with what is known of it from before,
     // until its own read answers.
     std::vector<RuntimeState> runtimes;
-    for (auto& info : reading.runtimes) {
+    for (auto& info : found) {
         RuntimeState state;
         auto previous = std::find_if(runtimes_.begin(), runtimes_.end(),
                                      [&](const auto& r) { return r.info.id() == info.id(); });
@@ -179,7 +193,7 @@ void AppModel::onProcesses(const std::shared_ptr<Tick>& tick, ProcessReading rea
     publish();
 
     tick->pendingRuntimes = runtimes_.size();
-    if (runtimes_.empty()) return finishTick(tick);
+    if (runtimes_.empty()) return runtimesRead(tick);
     for (size_t i = 0; i < runtimes_.size(); ++i)
         runInBackground(
             loop_, alive_,
@@ -202,9 +216,14 @@ void AppModel::onRuntime(const std::shared_ptr<Tick>& tick, size_t index, Runtim
         state.containers = std::move(reading.containers);
         state.error.reset();
     }
-    ports_ = attached(tick->rows);
+    if (tick->processesRead) ports_ = attached(tick->rows);
     publish();
-    if (--tick->pendingRuntimes == 0) finishTick(tick);
+    if (--tick->pendingRuntimes == 0) runtimesRead(tick);
+}
+
+void AppModel::runtimesRead(const std::shared_ptr<Tick>& tick) {
+    tick->runtimesRead = true;
+    if (tick->processesRead) finishTick(tick);
 }
 
 void AppModel::finishTick(const std::shared_ptr<Tick>& tick) {
@@ -230,13 +249,13 @@ void AppModel::finishTick(const std::shared_ptr<Tick>& tick) {
 void AppModel::alertAndRecord(double now) {
     std::vector<RunawayInput> runaways;
     if (alertSettings_.runawaySession) {
-        for (auto& [id, reason] : monitor_.alertsDue(now)) {
+        for (const auto& due : monitor_.alertsDue(now)) {
             auto session = std::find_if(sessions_.begin(), sessions_.end(),
-                                        [&](const AgentSession& s) { return s.id() == id; });
+                                        [&](const AgentSession& s) { return s.id() == due.first; });
             if (session == sessions_.end()) continue;
             std::optional<std::string> project;
             if (session->project) project = session->project->name();
-            runaways.push_back({id, rawValue(session->tool), project, reason});
+            runaways.push_back({due.first, rawValue(session->tool), project, due.second});
         }
     }
     std::vector<RuntimeDiskInput> disks;

@@ -12,13 +12,11 @@
 
 namespace wharfy::app {
 
-/// What one refresh reads of processes and sockets, and the runtimes found.
+/// What one refresh reads of processes and sockets.
 struct ProcessReading {
     /// Port rows with no containers attached yet.
     std::vector<PortRow> ports;
     std::vector<AgentSession> sessions;
-    /// In detection order.
-    std::vector<RuntimeInfo> runtimes;
 
     bool operator==(const ProcessReading&) const = default;
 };
@@ -36,16 +34,19 @@ struct RuntimeReading {
 };
 
 /// The app's access to the machine. Every call blocks and is made from a
-/// background thread, never from the model's. `readProcesses` is never called
-/// twice at once, nor `readRuntime` or `readSizes` twice at once for the same
-/// runtime; calls for different runtimes run in parallel.
+/// background thread, never from the model's. No call is made twice at once,
+/// except `readRuntime` and `readSizes` for different runtimes, which run in
+/// parallel.
 class MachineReader {
   public:
     virtual ~MachineReader() = default;
 
-    /// Processes, sockets, sessions and the runtimes found. CPU figures cover
-    /// the time since the previous call.
+    /// Processes, sockets and sessions. CPU figures cover the time since the
+    /// previous call.
     virtual ProcessReading readProcesses() = 0;
+    /// The container runtimes found, in detection order: every socket asked
+    /// at once, so this lasts at most about one probe time-out.
+    virtual std::vector<RuntimeInfo> detectRuntimes() = 0;
     /// One runtime's containers and disk images.
     virtual RuntimeReading readRuntime(const RuntimeInfo& runtime) = 0;
     /// One runtime's disk-usage figures: the cached ones while they are fresh,

@@ -151,11 +151,15 @@ Result<ActionReport, ActionError> ContainerActions::perform(const ContainerActio
 
     if (stop) {
         report.stopOutcome = StopOutcome::unknown;
-        if (engine) {
+        // The API version is asked once for all the polls.
+        std::optional<std::string> api;
+        if (engine)
+            if (auto version = engine->version()) api = std::move(version.value().apiVersion);
+        if (api) {
             report.stopOutcome = StopOutcome::stillRunning;
             for (int poll = 0; poll < kMaxPolls; ++poll) {
                 if (sleep) sleep(kPollInterval);
-                auto state = engine->containerState(stop->id);
+                auto state = engine->containerState(stop->id, *api);
                 if (!state) {
                     report.stopOutcome = StopOutcome::unknown;
                     break;

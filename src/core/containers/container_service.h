@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,17 +23,21 @@ struct CachedSizes {
     bool operator==(const CachedSizes&) const = default;
 };
 
-/// One runtime's engine access, keeping its last disk-usage reading for a
-/// while because that request is slow. Calls are serialised; keep one per
-/// runtime id across refreshes so the cache survives.
+/// One runtime's engine access, kept per runtime id across refreshes. It
+/// keeps the engine's API version, asked once and again only after a request
+/// failed, and the last disk-usage reading for a while because that request
+/// is slow. Calls are serialised.
 class ContainerService {
   public:
     /// `engine` has the short time-out, `sizesEngine` the long one for disk use.
     ContainerService(EngineClient engine, EngineClient sizesEngine, std::function<double()> now)
         : engine_(std::move(engine)), sizesEngine_(std::move(sizesEngine)), now_(std::move(now)) {}
 
-    /// Clients on `socketPath` with the 5 s and 30 s time-outs, on the system clock.
-    static ContainerService forSocket(const std::string& socketPath);
+    /// Clients on `socketPath` with the 5 s and 30 s time-outs, on the system
+    /// clock. With `notAfter`, no request of this service lasts past it.
+    static std::unique_ptr<ContainerService> forSocket(
+        const std::string& socketPath,
+        std::optional<UnixSocketTransport::Clock::time_point> notAfter = std::nullopt);
 
     static constexpr double sizeMaxAge = 300.0;
     static constexpr int kEngineTimeoutSeconds = 5;
@@ -45,10 +50,17 @@ class ContainerService {
     const EngineClient& engine() const { return engine_; }
 
   private:
+    /// The kept API version, asking the engine when there is none.
+    Result<std::string, EngineError> apiVersion();
+    /// Passes `r` on; a failure makes the next request ask the version again.
+    template <typename T>
+    Result<T, EngineError> settle(Result<T, EngineError> r);
+
     std::mutex mutex_;
     EngineClient engine_;
     EngineClient sizesEngine_;
     std::function<double()> now_;
+    std::optional<std::string> apiVersion_;
     std::optional<CachedSizes> cached_;
 };
 

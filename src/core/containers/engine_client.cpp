@@ -33,10 +33,10 @@ std::string EngineError::description() const {
         std::string operator()(const TransportError& e) const { return e.description(); }
         std::string operator()(const HTTPError& e) const { return e.description(); }
         std::string operator()(const Status& e) const {
-            return "http(status: " + std::to_string(e.status) + ")";
+            return "the engine answered with HTTP status " + std::to_string(e.status);
         }
-        std::string operator()(const DecodeError& e) const {
-            return "decoding(" + e.description + ")";
+        std::string operator()(const DecodeError&) const {
+            return "the engine's answer was not the expected JSON";
         }
     };
     return std::visit(Describe{}, value);
@@ -59,10 +59,10 @@ Result<std::string, EngineError> EngineClient::body(const std::string& path) con
     return std::move(response.value().body);
 }
 
-Result<std::string, EngineError> EngineClient::versionedPath(const std::string& path) const {
+Result<std::string, EngineError> EngineClient::apiVersion() const {
     auto v = version();
     if (!v) return v.error();
-    return "/v" + v.value().apiVersion + path;
+    return std::move(v.value().apiVersion);
 }
 
 Result<EngineVersion, EngineError> EngineClient::version() const {
@@ -71,35 +71,29 @@ Result<EngineVersion, EngineError> EngineClient::version() const {
     return decoded(EngineDecoder::version(b.value()));
 }
 
-Result<std::vector<ContainerInfo>, EngineError> EngineClient::containers() const {
-    auto path = versionedPath("/containers/json?all=1");
-    if (!path) return path.error();
-    auto b = body(path.value());
+Result<std::vector<ContainerInfo>, EngineError> EngineClient::containers(
+    const std::string& apiVersion) const {
+    auto b = body("/v" + apiVersion + "/containers/json?all=1");
     if (!b) return b.error();
     return decoded(EngineDecoder::containers(b.value()));
 }
 
-Result<DiskUsage, EngineError> EngineClient::diskUsage() const {
-    auto path = versionedPath("/system/df");
-    if (!path) return path.error();
-    auto b = body(path.value());
+Result<DiskUsage, EngineError> EngineClient::diskUsage(const std::string& apiVersion) const {
+    auto b = body("/v" + apiVersion + "/system/df");
     if (!b) return b.error();
     return decoded(EngineDecoder::diskUsage(b.value()));
 }
 
-Result<std::vector<std::string>, EngineError> EngineClient::danglingImageIDs() const {
-    auto path = versionedPath("/images/json?" + danglingFilterQuery());
-    if (!path) return path.error();
-    auto b = body(path.value());
+Result<std::vector<std::string>, EngineError> EngineClient::danglingImageIDs(
+    const std::string& apiVersion) const {
+    auto b = body("/v" + apiVersion + "/images/json?" + danglingFilterQuery());
     if (!b) return b.error();
     return decoded(EngineDecoder::imageIDs(b.value()));
 }
 
 Result<std::optional<std::string>, EngineError> EngineClient::containerState(
-    const std::string& id) const {
-    auto path = versionedPath("/containers/" + id + "/json");
-    if (!path) return path.error();
-    auto raw = transport_->get(path.value());
+    const std::string& id, const std::string& apiVersion) const {
+    auto raw = transport_->get("/v" + apiVersion + "/containers/" + id + "/json");
     if (!raw) return EngineError{raw.error()};
     auto response = HTTPResponseParser::parse(raw.value());
     if (!response) return EngineError{response.error()};
@@ -109,6 +103,31 @@ Result<std::optional<std::string>, EngineError> EngineClient::containerState(
     auto state = EngineDecoder::inspectedState(response.value().body);
     if (!state) return EngineError{state.error()};
     return std::optional<std::string>(std::move(state).value());
+}
+
+Result<std::vector<ContainerInfo>, EngineError> EngineClient::containers() const {
+    auto api = apiVersion();
+    if (!api) return api.error();
+    return containers(api.value());
+}
+
+Result<DiskUsage, EngineError> EngineClient::diskUsage() const {
+    auto api = apiVersion();
+    if (!api) return api.error();
+    return diskUsage(api.value());
+}
+
+Result<std::vector<std::string>, EngineError> EngineClient::danglingImageIDs() const {
+    auto api = apiVersion();
+    if (!api) return api.error();
+    return danglingImageIDs(api.value());
+}
+
+Result<std::optional<std::string>, EngineError> EngineClient::containerState(
+    const std::string& id) const {
+    auto api = apiVersion();
+    if (!api) return api.error();
+    return containerState(id, api.value());
 }
 
 }  // namespace wharfy

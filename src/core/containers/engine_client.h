@@ -24,13 +24,15 @@ struct EngineError {
     Value value;
 
     bool operator==(const EngineError&) const = default;
-    /// "http(status: 500)", "decoding(...)", or the wrapped error's description.
+    /// A short cause for the user, to go inside "Could not read the runtime (…).":
+    /// never a case name or a parser's own message.
     std::string description() const;
 };
 
 /// Asks one container engine for its version, containers, disk use, dangling
 /// images and one container's state. Every path but "/version" is prefixed
-/// with the engine's own API version, asked afresh on each call.
+/// with the engine's own API version: given by the caller, who keeps it, or
+/// asked first by the forms without it.
 class EngineClient {
   public:
     explicit EngineClient(std::shared_ptr<const EngineTransport> transport)
@@ -40,12 +42,20 @@ class EngineClient {
 
     Result<EngineVersion, EngineError> version() const;
     /// All containers, running or not.
-    Result<std::vector<ContainerInfo>, EngineError> containers() const;
-    Result<DiskUsage, EngineError> diskUsage() const;
+    Result<std::vector<ContainerInfo>, EngineError> containers(const std::string& apiVersion) const;
+    Result<DiskUsage, EngineError> diskUsage(const std::string& apiVersion) const;
     /// Ids of the images that no tag names, in the engine's order.
-    Result<std::vector<std::string>, EngineError> danglingImageIDs() const;
+    Result<std::vector<std::string>, EngineError> danglingImageIDs(
+        const std::string& apiVersion) const;
     /// The container's state word; absent when the engine no longer knows it.
     /// `id` must already have passed the container-id check.
+    Result<std::optional<std::string>, EngineError> containerState(
+        const std::string& id, const std::string& apiVersion) const;
+
+    /// The same, asking "/version" first.
+    Result<std::vector<ContainerInfo>, EngineError> containers() const;
+    Result<DiskUsage, EngineError> diskUsage() const;
+    Result<std::vector<std::string>, EngineError> danglingImageIDs() const;
     Result<std::optional<std::string>, EngineError> containerState(const std::string& id) const;
 
     /// The query that selects dangling images, percent-encoded.
@@ -53,7 +63,7 @@ class EngineClient {
 
   private:
     Result<std::string, EngineError> body(const std::string& path) const;
-    Result<std::string, EngineError> versionedPath(const std::string& path) const;
+    Result<std::string, EngineError> apiVersion() const;
 
     std::shared_ptr<const EngineTransport> transport_;
 };

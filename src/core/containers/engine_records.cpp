@@ -62,13 +62,16 @@ std::vector<std::string> stringsAt(const json& object, const char* key, const ch
 std::optional<int64_t> integerAt(const json& object, const char* key, const char* context) {
     const json* v = field(object, key);
     if (!v) return std::nullopt;
-    if (v->is_number_integer()) return v->get<int64_t>();
+    // Unsigned first: the JSON reader counts an unsigned number as an integer
+    // too, and reading one above INT64_MAX as signed would wrap it negative.
+    // Beyond the signed range a broken engine's figure is held at the largest
+    // one instead.
     if (v->is_number_unsigned()) {
-        auto u = v->get<uint64_t>();
-        if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
-            throw Malformed(where(context, key) + " is out of range");
-        return static_cast<int64_t>(u);
+        const auto u = v->get<uint64_t>();
+        constexpr auto kMax = std::numeric_limits<int64_t>::max();
+        return u > static_cast<uint64_t>(kMax) ? kMax : static_cast<int64_t>(u);
     }
+    if (v->is_number_integer()) return v->get<int64_t>();
     throw Malformed(where(context, key) + " is not an integer");
 }
 
@@ -175,10 +178,46 @@ DiskUsage decodeDiskUsage(const json& root) {
     return usage;
 }
 
+/// Counts a body's values without building anything; stops past the limit.
+class ValueCounter final : public nlohmann::json_sax<json> {
+  public:
+    size_t values = 0;
+
+    bool null() override { return count(); }
+    bool boolean(bool) override { return count(); }
+    bool number_integer(number_integer_t) override { return count(); }
+    bool number_unsigned(number_unsigned_t) override { return count(); }
+    bool number_float(number_float_t, const string_t&) override { return count(); }
+    bool string(string_t&) override { return count(); }
+    bool binary(binary_t&) override { return count(); }
+    bool start_object(std::size_t) override { return count(); }
+    bool key(string_t&) override { return true; }
+    bool end_object() override { return true; }
+    bool start_array(std::size_t) override { return count(); }
+    bool end_array() override { return true; }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        return false;
+    }
+
+  private:
+    bool count() { return ++values <= EngineDecoder::kMaxJsonValues; }
+};
+
+/// The body as a JSON tree, refused when it holds more than kMaxJsonValues
+/// values: a tree costs tens of bytes per value, so 32 MiB of "{}," would
+/// otherwise take most of a gigabyte. The count runs first, on its own.
+json parseBounded(std::string_view body) {
+    ValueCounter counter;
+    json::sax_parse(body.begin(), body.end(), &counter);
+    if (counter.values > EngineDecoder::kMaxJsonValues)
+        throw Malformed("more than " + std::to_string(EngineDecoder::kMaxJsonValues) + " values");
+    return json::parse(body.begin(), body.end());
+}
+
 template <typename T, typename F>
 Result<T, DecodeError> decodeWith(std::string_view body, F&& decode) {
     try {
-        return decode(json::parse(body.begin(), body.end()));
+        return decode(parseBounded(body));
     } catch (const Malformed& e) {
         return DecodeError{e.what()};
     } catch (const json::exception& e) {
@@ -193,6 +232,21 @@ std::vector<ContainerInfo> decodeContainerList(const json& root) {
     for (const auto& item : root)
         out.push_back(decodeContainer(item));
     return out;
+}
+
+/// `total` plus `size`, a negative size counted as 0, held at the largest
+/// value instead of overflowing.
+int64_t addSize(int64_t total, int64_t size) {
+    constexpr auto kMax = std::numeric_limits<int64_t>::max();
+    if (size <= 0) return total;
+    return size > kMax - total ? kMax : total + size;
+}
+
+/// Digits and dots, as "1.41": the text goes into every request path.
+bool isApiVersion(const std::string& text) {
+    if (text.empty() || text.size() > 16 || text.front() < '0' || text.front() > '9') return false;
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || c == '.'; });
 }
 
 bool isStoppedState(const std::string& state) {
@@ -228,29 +282,32 @@ std::vector<DiskUsage::Volume> DiskUsage::unusedVolumes() const {
 int64_t DiskUsage::reclaimableBuildCache() const {
     int64_t total = 0;
     for (const auto& b : buildCache)
-        if (!b.inUse) total += std::max<int64_t>(0, b.size);
+        if (!b.inUse) total = addSize(total, b.size);
     return total;
 }
 
 int64_t DiskUsage::imagesSize() const {
     int64_t total = 0;
     for (const auto& i : images)
-        total += std::max<int64_t>(0, i.size);
+        total = addSize(total, i.size);
     return total;
 }
 
 int64_t DiskUsage::volumesSize() const {
     int64_t total = 0;
     for (const auto& v : volumes)
-        total += std::max<int64_t>(0, v.size);
+        total = addSize(total, v.size);
     return total;
 }
 
 Result<EngineVersion, DecodeError> EngineDecoder::version(std::string_view body) {
     return decodeWith<EngineVersion>(body, [](const json& root) {
         requireObject(root, "version");
-        return EngineVersion{stringAt(root, "Version", "version", true),
-                             stringAt(root, "ApiVersion", "version", true)};
+        EngineVersion v{stringAt(root, "Version", "version", true),
+                        stringAt(root, "ApiVersion", "version", true)};
+        if (!isApiVersion(v.apiVersion))
+            throw Malformed(where("version", "ApiVersion") + " is not a version number");
+        return v;
     });
 }
 

@@ -13,7 +13,8 @@ namespace wharfy {
 /// What "/version" says about an engine.
 struct EngineVersion {
     std::string version;
-    /// Prefixes every other request: "/v" + apiVersion + path.
+    /// Prefixes every other request: "/v" + apiVersion + path. Only digits
+    /// and dots are accepted from an engine.
     std::string apiVersion;
 
     bool operator==(const EngineVersion&) const = default;
@@ -54,7 +55,8 @@ struct ContainerInfo {
     bool isStopped() const;
 };
 
-/// The engine's disk-usage summary, from either generation of its keys.
+/// The engine's disk-usage summary, from either generation of its keys. Sizes
+/// above INT64_MAX are read as INT64_MAX.
 struct DiskUsage {
     struct Image {
         std::string id;
@@ -97,7 +99,8 @@ struct DiskUsage {
     std::vector<Volume> unusedVolumes() const;
     /// Bytes of build cache not in use.
     int64_t reclaimableBuildCache() const;
-    /// Sums of sizes, negative sizes counted as 0.
+    /// Sums of sizes, negative sizes counted as 0. Every sum stops at
+    /// INT64_MAX rather than overflow, whatever an engine reports.
     int64_t imagesSize() const;
     int64_t volumesSize() const;
 };
@@ -110,6 +113,10 @@ struct DecodeError {
 
 /// Pure decoders of engine response bodies.
 struct EngineDecoder {
+    /// The most JSON values (objects, arrays and scalars) a body may hold;
+    /// far above any real engine's answer, far below what memory allows.
+    static constexpr size_t kMaxJsonValues = 1'000'000;
+
     static Result<EngineVersion, DecodeError> version(std::string_view body);
     static Result<std::vector<ContainerInfo>, DecodeError> containers(std::string_view body);
     static Result<DiskUsage, DecodeError> diskUsage(std::string_view body);

@@ -1,9 +1,11 @@
 #include "core/containers/http.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <system_error>
 
 namespace wharfy {
 namespace {
@@ -52,6 +54,14 @@ std::string_view nextPiece(std::string_view& rest) {
     return piece;
 }
 
+/// The system's words for `err`, starting lower-case: "connection reset by peer".
+std::string errnoText(int err) {
+    std::string text = std::generic_category().message(err);
+    if (!text.empty() && text.front() >= 'A' && text.front() <= 'Z')
+        text.front() = static_cast<char>(text.front() - 'A' + 'a');
+    return text;
+}
+
 HTTPError malformed(const char* reason) {
     return HTTPError{HTTPError::Kind::malformed, reason};
 }
@@ -64,20 +74,32 @@ HTTPError incomplete() {
 std::string TransportError::description() const {
     switch (kind) {
         case Kind::connectFailed:
-            return "connectFailed(" + std::to_string(errnoValue) + ")";
+            if (errnoValue == EACCES || errnoValue == EPERM)
+                return "permission denied on the engine's socket";
+            if (errnoValue == ENOENT) return "the engine's socket does not exist";
+            if (errnoValue == ECONNREFUSED) return "the engine refused the connection";
+            return "could not connect to the engine: " + errnoText(errnoValue);
         case Kind::ioFailed:
-            return "ioFailed(" + std::to_string(errnoValue) + ")";
+            return "the connection to the engine failed: " + errnoText(errnoValue);
         case Kind::invalidPath:
-            return "invalidPath";
+            return "the request was not valid";
         case Kind::socketPathTooLong:
-            return "socketPathTooLong";
+            return "the socket path is too long";
+        case Kind::timedOut:
+            return "the engine did not answer in time";
+        case Kind::responseTooLarge:
+            return "the engine's answer was larger than 32 MiB";
+        case Kind::headerTooLarge:
+            return "the engine's answer had more than 64 KiB of headers";
     }
-    return "unknown";
+    return "the request failed";
 }
 
 std::string HTTPError::description() const {
-    if (kind == Kind::incompleteBody) return "incompleteBody";
-    return "malformed(\"" + reason + "\")";
+    if (kind == Kind::incompleteBody) return "the engine's answer was cut short";
+    if (reason == "no header end") return "the engine's answer ended before its headers did";
+    if (reason == "bad chunk size") return "the engine's answer had a broken chunk";
+    return "the engine's answer was not HTTP";
 }
 
 Result<HTTPResponse, HTTPError> HTTPResponseParser::parse(std::string_view data) {

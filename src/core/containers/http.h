@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,17 +11,34 @@
 
 namespace wharfy {
 
-/// Why a request to an engine's socket failed before any response was read.
+/// Why a request to an engine's socket failed before a whole response was read.
 struct TransportError {
-    enum class Kind { connectFailed, ioFailed, invalidPath, socketPathTooLong };
+    enum class Kind {
+        connectFailed,
+        ioFailed,
+        invalidPath,
+        socketPathTooLong,
+        /// The request's deadline passed: connect, send and the whole response
+        /// share one deadline.
+        timedOut,
+        /// The response passed kMaxResponseBytes.
+        responseTooLarge,
+        /// The response's header section passed kMaxHeaderBytes.
+        headerTooLarge,
+    };
     Kind kind = Kind::connectFailed;
-    /// errno of the failing call; 0 for invalidPath and socketPathTooLong.
+    /// errno of the failing call for connectFailed and ioFailed; 0 otherwise.
     int errnoValue = 0;
 
     bool operator==(const TransportError&) const = default;
-    /// The case name, with its errno where it has one: "connectFailed(111)".
+    /// A short cause for the user, such as "the engine did not answer in time".
     std::string description() const;
 };
+
+/// The most a response may hold in all, headers included.
+inline constexpr size_t kMaxResponseBytes = 32u << 20;
+/// The most a response's header section may hold, the blank line included.
+inline constexpr size_t kMaxHeaderBytes = 64u << 10;
 
 /// Sends one request to a container engine and returns the raw response.
 class EngineTransport {
@@ -34,11 +53,19 @@ class EngineTransport {
 inline constexpr size_t kMaxSocketPathBytes = 103;
 
 /// HTTP/1.1 GET over a unix stream socket: one connection per request, read
-/// until the engine closes it.
+/// until the engine closes it. Each request has one deadline for connect,
+/// send and the whole response, and a bounded size.
 class UnixSocketTransport final : public EngineTransport {
   public:
-    UnixSocketTransport(std::string socketPath, int timeoutSeconds)
-        : socketPath_(std::move(socketPath)), timeoutSeconds_(timeoutSeconds) {}
+    using Clock = std::chrono::steady_clock;
+
+    /// Each request ends `timeoutSeconds` after it starts, or at `notAfter`
+    /// if that comes first.
+    UnixSocketTransport(std::string socketPath, int timeoutSeconds,
+                        std::optional<Clock::time_point> notAfter = std::nullopt)
+        : socketPath_(std::move(socketPath)),
+          timeoutSeconds_(timeoutSeconds),
+          notAfter_(notAfter) {}
 
     Result<std::string, TransportError> get(const std::string& path) const override;
 
@@ -53,6 +80,7 @@ class UnixSocketTransport final : public EngineTransport {
   private:
     std::string socketPath_;
     int timeoutSeconds_;
+    std::optional<Clock::time_point> notAfter_;
 };
 
 /// A parsed HTTP response.
@@ -74,7 +102,7 @@ struct HTTPError {
     std::string reason;
 
     bool operator==(const HTTPError&) const = default;
-    /// "malformed(\"no header end\")" or "incompleteBody".
+    /// A short cause for the user, such as "the engine's answer was cut short".
     std::string description() const;
 };
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace wharfy {
 namespace {
@@ -53,18 +54,84 @@ std::optional<std::string> RuntimeInfo::stateText() const {
     if (remoteEndpoint)
         return "Remote context (" + *remoteEndpoint +
                "). Listed only; Wharfy does not measure or change it.";
-    if (!isRunning) return std::string("Not running. Wharfy never starts a runtime.");
-    return std::nullopt;
+    switch (status) {
+        case RuntimeStatus::running:
+            return std::nullopt;
+        case RuntimeStatus::notRunning:
+            break;
+        case RuntimeStatus::notAnswering:
+            return std::string("Running, but not answering.");
+        case RuntimeStatus::permissionDenied:
+            return std::string("Wharfy may not use this runtime's socket (permission denied).");
+    }
+    return std::string("Not running. Wharfy never starts a runtime.");
 }
 
-RuntimeDetector::Probe RuntimeDetector::probe(const std::string& socket,
-                                              std::set<std::string>& claimed) const {
-    if (!fileSystem_->isSocket(socket)) return {};
+const char* RuntimeInfo::stateName() const {
+    if (remoteEndpoint) return "remote";
+    switch (status) {
+        case RuntimeStatus::running:
+            return "running";
+        case RuntimeStatus::notRunning:
+            break;
+        case RuntimeStatus::notAnswering:
+            return "notAnswering";
+        case RuntimeStatus::permissionDenied:
+            return "permissionDenied";
+    }
+    return "notRunning";
+}
+
+SocketAnswer pingAnswer(const Result<std::string, TransportError>& outcome) {
+    if (outcome) return SocketAnswer::answered;
+    using Kind = TransportError::Kind;
+    const TransportError& e = outcome.error();
+    switch (e.kind) {
+        case Kind::responseTooLarge:
+        case Kind::headerTooLarge:
+            return SocketAnswer::answered;
+        case Kind::timedOut:
+        case Kind::ioFailed:
+            return SocketAnswer::notAnswering;
+        case Kind::connectFailed:
+            if (e.errnoValue == EACCES || e.errnoValue == EPERM)
+                return SocketAnswer::permissionDenied;
+            return SocketAnswer::refused;
+        case Kind::invalidPath:
+        case Kind::socketPathTooLong:
+            return SocketAnswer::refused;
+    }
+    return SocketAnswer::refused;
+}
+
+RuntimeInfo RuntimeDetector::settled(const RuntimeCandidate& candidate, SocketAnswer answer) {
+    RuntimeInfo runtime = candidate.runtime;
+    if (!candidate.probe) return runtime;
+    switch (answer) {
+        case SocketAnswer::answered:
+            runtime.status = RuntimeStatus::running;
+            break;
+        case SocketAnswer::refused:
+            runtime.status = RuntimeStatus::notRunning;
+            return runtime;
+        case SocketAnswer::notAnswering:
+            runtime.status = RuntimeStatus::notAnswering;
+            break;
+        case SocketAnswer::permissionDenied:
+            runtime.status = RuntimeStatus::permissionDenied;
+            break;
+    }
+    runtime.socketPath = candidate.probe;
+    return runtime;
+}
+
+RuntimeCandidate RuntimeDetector::probed(RuntimeInfo runtime, const std::string& socket,
+                                         std::set<std::string>& claimed) const {
+    if (!fileSystem_->isSocket(socket)) return {std::move(runtime), std::nullopt};
     auto resolved = fileSystem_->resolve(socket);
-    if (!resolved) return {};
+    if (!resolved) return {std::move(runtime), std::nullopt};
     claimed.insert(*resolved);
-    if (!fileSystem_->canConnect(socket)) return {};
-    return {true, socket};
+    return {std::move(runtime), socket};
 }
 
 std::optional<std::string> RuntimeDetector::choose(const std::vector<std::string>& candidates,
@@ -77,19 +144,21 @@ std::optional<std::string> RuntimeDetector::choose(const std::vector<std::string
     return std::nullopt;
 }
 
-void RuntimeDetector::appendChosen(std::vector<RuntimeInfo>& out, std::set<std::string>& claimed,
-                                   RuntimeKind kind, const std::string& name,
+void RuntimeDetector::appendChosen(std::vector<RuntimeCandidate>& out,
+                                   std::set<std::string>& claimed, RuntimeKind kind,
+                                   const std::string& name,
                                    const std::vector<std::string>& candidates,
                                    const std::vector<std::string>& disks,
                                    const std::vector<std::string>& installedMarkers) const {
+    RuntimeInfo runtime{std::move(kind),           name, std::nullopt, std::nullopt,
+                        RuntimeStatus::notRunning, disks};
     if (auto chosen = choose(candidates, claimed)) {
-        Probe p = probe(*chosen, claimed);
-        out.push_back({std::move(kind), name, p.socketPath, std::nullopt, p.running, disks});
+        out.push_back(probed(std::move(runtime), *chosen, claimed));
         return;
     }
     for (const auto& marker : installedMarkers) {
         if (fileSystem_->exists(marker)) {
-            out.push_back({std::move(kind), name, std::nullopt, std::nullopt, false, disks});
+            out.push_back({std::move(runtime), std::nullopt});
             return;
         }
     }
@@ -108,52 +177,57 @@ std::vector<std::string> RuntimeDetector::colimaDisks(const std::string& profile
             home_ + "/.colima/_lima/_disks/" + instance + "/datadisk"};
 }
 
-std::vector<RuntimeInfo> RuntimeDetector::contexts(std::set<std::string>& claimed) const {
-    std::vector<RuntimeInfo> out;
+std::vector<RuntimeCandidate> RuntimeDetector::contexts(std::set<std::string>& claimed) const {
+    std::vector<RuntimeCandidate> out;
     const std::string meta = home_ + "/.docker/contexts/meta";
     for (const auto& folder : fileSystem_->subdirectories(meta)) {
         auto bytes = fileSystem_->contents(meta + "/" + folder + "/meta.json");
         if (!bytes) continue;
         auto context = readContextMeta(*bytes);
         if (!context || !context->host) continue;
-        RuntimeKind kind{RuntimeKind::Context{context->name}};
-        const std::string name = "Docker context " + context->name;
+        RuntimeInfo runtime{RuntimeKind{RuntimeKind::Context{context->name}},
+                            "Docker context " + context->name,
+                            std::nullopt,
+                            std::nullopt,
+                            RuntimeStatus::notRunning,
+                            {}};
         const std::string& host = *context->host;
         if (host.starts_with("unix://")) {
             const std::string socket = host.substr(7);
             if (!fileSystem_->isSocket(socket)) continue;
             auto resolved = fileSystem_->resolve(socket);
             if (!resolved || claimed.contains(*resolved)) continue;
-            Probe p = probe(socket, claimed);
-            out.push_back({std::move(kind), name, p.socketPath, std::nullopt, p.running, {}});
+            out.push_back(probed(std::move(runtime), socket, claimed));
         } else {
-            out.push_back({std::move(kind), name, std::nullopt, host, false, {}});
+            runtime.remoteEndpoint = host;
+            out.push_back({std::move(runtime), std::nullopt});
         }
     }
     return out;
 }
 
-std::vector<RuntimeInfo> RuntimeDetector::detect() const {
-    std::vector<RuntimeInfo> out;
+std::vector<RuntimeCandidate> RuntimeDetector::candidates() const {
+    std::vector<RuntimeCandidate> out;
     std::set<std::string> claimed;
+    auto runtime = [](RuntimeKind kind, std::string name, std::vector<std::string> disks) {
+        return RuntimeInfo{std::move(kind), std::move(name),           std::nullopt,
+                           std::nullopt,    RuntimeStatus::notRunning, std::move(disks)};
+    };
 
     for (const auto& profile : colimaProfiles()) {
-        Probe p = probe(home_ + "/.colima/" + profile + "/docker.sock", claimed);
-        out.push_back({RuntimeKind{RuntimeKind::Colima{profile}}, "Colima (" + profile + ")",
-                       p.socketPath, std::nullopt, p.running, colimaDisks(profile)});
+        out.push_back(probed(runtime(RuntimeKind{RuntimeKind::Colima{profile}},
+                                     "Colima (" + profile + ")", colimaDisks(profile)),
+                             home_ + "/.colima/" + profile + "/docker.sock", claimed));
     }
 
     if (platform_ == DetectorPlatform::macOS) {
         if (fileSystem_->exists(home_ + "/.orbstack") ||
             fileSystem_->exists("/Applications/OrbStack.app")) {
-            Probe p = probe(home_ + "/.orbstack/run/docker.sock", claimed);
-            out.push_back(
-                {RuntimeKind{RuntimeKind::OrbStack{}},
-                 "OrbStack",
-                 p.socketPath,
-                 std::nullopt,
-                 p.running,
-                 {home_ + "/Library/Group Containers/HUAQ24HBR6.dev.orbstack/data/data.img"}});
+            out.push_back(probed(
+                runtime(
+                    RuntimeKind{RuntimeKind::OrbStack{}}, "OrbStack",
+                    {home_ + "/Library/Group Containers/HUAQ24HBR6.dev.orbstack/data/data.img"}),
+                home_ + "/.orbstack/run/docker.sock", claimed));
         }
         appendChosen(out, claimed, RuntimeKind{RuntimeKind::DockerDesktop{}}, "Docker Desktop",
                      {home_ + "/.docker/run/docker.sock", "/var/run/docker.sock"},
@@ -178,6 +252,25 @@ std::vector<RuntimeInfo> RuntimeDetector::detect() const {
     auto listed = contexts(claimed);
     out.insert(out.end(), std::make_move_iterator(listed.begin()),
                std::make_move_iterator(listed.end()));
+    return out;
+}
+
+std::vector<RuntimeInfo> RuntimeDetector::detect() const {
+    const auto found = candidates();
+    std::vector<std::string> sockets;
+    for (const auto& c : found)
+        if (c.probe) sockets.push_back(*c.probe);
+    const auto answers = sockets.empty() ? std::vector<SocketAnswer>{} : fileSystem_->ping(sockets);
+
+    std::vector<RuntimeInfo> out;
+    out.reserve(found.size());
+    size_t next = 0;
+    for (const auto& c : found) {
+        // A file system that answers short leaves the rest not running.
+        SocketAnswer answer = SocketAnswer::refused;
+        if (c.probe && next < answers.size()) answer = answers[next++];
+        out.push_back(settled(c, answer));
+    }
     return out;
 }
 

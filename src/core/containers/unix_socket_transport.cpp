@@ -9,7 +9,7 @@ bool UnixSocketTransport::isValidTarget(std::string_view path) {
 
 std::string UnixSocketTransport::requestText(std::string_view path) {
     static constexpr std::string_view kTail =
-        " HTTP/1.1\r\nHost: docker\r\nAccept: application/json\r\nUser-Agent: Wharfy\r\n"
+        " HTTP/1.1\r\nHost: docker\r\nAccept: application/json\r\nUser-Agent: NemarroWharfy\r\n"
         "Connection: close\r\n\r\n";
     std::string request;
     request.reserve(4 + path.size() + kTail.size());

@@ -16,21 +16,35 @@ constexpr int kMaxAncestors = 8;
 }  // namespace
 
 SignatureCache::SignatureCache(std::function<bool(const std::string&)> check,
-                               std::function<std::optional<Stamp>(const std::string&)> stamp)
-    : check_(std::move(check)), stamp_(std::move(stamp)) {}
+                               std::function<std::optional<Stamp>(const std::string&)> stamp,
+                               size_t capacity)
+    : check_(std::move(check)),
+      stamp_(std::move(stamp)),
+      capacity_(std::max<size_t>(capacity, 1)) {}
 
 bool SignatureCache::verdict(const std::string& path) {
     auto stamp = stamp_(path);
     if (!stamp) return false;
-    auto key = std::make_tuple(path, stamp->size, stamp->modified);
+    Key key{path, stamp->size, stamp->modified};
     {
         std::lock_guard lock(mutex_);
         if (auto it = verdicts_.find(key); it != verdicts_.end()) return it->second;
     }
     bool result = check_(path);
     std::lock_guard lock(mutex_);
-    verdicts_[key] = result;
+    if (verdicts_.emplace(key, result).second) {
+        order_.push_back(std::move(key));
+        if (order_.size() > capacity_) {
+            verdicts_.erase(order_.front());
+            order_.pop_front();
+        }
+    }
     return result;
+}
+
+size_t SignatureCache::size() const {
+    std::lock_guard lock(mutex_);
+    return verdicts_.size();
 }
 
 ListenerClassifier::ListenerClassifier(
@@ -42,6 +56,18 @@ ListenerClassifier::ListenerClassifier(
       labels_(std::move(labels)),
       isSystemSigned_(std::move(isSystemSigned)),
       keepsAlive_(std::move(keepsAlive)) {}
+
+ListenerClassifier ListenerClassifier::forOneRefresh() const {
+    ListenerClassifier copy = *this;
+    if (!keepsAlive_) return copy;
+    auto answers = std::make_shared<std::map<std::string, std::optional<bool>>>();
+    copy.keepsAlive_ = [ask = keepsAlive_, answers](const std::string& label) {
+        auto [it, inserted] = answers->try_emplace(label);
+        if (inserted) it->second = ask(label);
+        return it->second;
+    };
+    return copy;
+}
 
 std::optional<std::string> ListenerClassifier::containerRuntime(const ListenerFacts& f) const {
     const std::string n = lowercase(f.name);
@@ -62,12 +88,19 @@ std::optional<std::string> ListenerClassifier::containerRuntime(const ListenerFa
 
 bool ListenerClassifier::isAppleProgram(const std::string& path,
                                         const std::optional<std::string>& label) const {
-    for (const auto& prefix : labels_->systemPathPrefixes())
-        if (path.starts_with(prefix)) return true;
-    if (!label || !labels_->mayBeSystemJob(*label)) return false;
+    if (labels_->systemPrograms().isSystemPath(path)) return true;
+    if (!label) return false;
+    switch (labels_->systemJob(*label)) {
+        case ServiceLabels::SystemJob::no:
+            return false;
+        case ServiceLabels::SystemJob::yes:
+            return true;
+        case ServiceLabels::SystemJob::ifSystemSigned:
+            break;
+    }
     // A system-looking label on a program in the home folder is never trusted.
     if (path.starts_with(home_ + "/")) return false;
-    return isSystemSigned_(path);
+    return isSystemSigned_ && isSystemSigned_(path);
 }
 
 std::optional<std::string> ListenerClassifier::appName(const ListenerFacts& f) const {
@@ -93,16 +126,12 @@ std::optional<std::string> ListenerClassifier::appName(const ListenerFacts& f) c
     return std::nullopt;
 }
 
-bool ListenerClassifier::isSystemJob(const std::string& label,
-                                     const std::optional<std::string>& path) const {
-    if (!labels_->mayBeSystemJob(label)) return false;
-    if (!labels_->systemJobNeedsSystemProgram()) return true;
-    return path && isAppleProgram(*path, label);
+bool ListenerClassifier::isSystemJob(const std::string& label) const {
+    return labels_->systemJob(label) == ServiceLabels::SystemJob::yes;
 }
 
-bool ListenerClassifier::isServiceJob(const std::string& label,
-                                      const std::optional<std::string>& path) const {
-    return !labels_->isAppJob(label) && !isSystemJob(label, path);
+bool ListenerClassifier::isServiceJob(const std::string& label) const {
+    return !labels_->isAppJob(label) && labels_->systemJob(label) == ServiceLabels::SystemJob::no;
 }
 
 ListenerRole ListenerClassifier::serviceRole(const std::string& label) const {
@@ -112,15 +141,16 @@ ListenerRole ListenerClassifier::serviceRole(const std::string& label) const {
 
 ListenerRole ListenerClassifier::classify(const ListenerFacts& f) const {
     if (auto runtime = containerRuntime(f)) return {ListenerRole::ContainerForwarder{*runtime}};
-    if (f.executablePath && isAppleProgram(*f.executablePath, f.launchdLabel)) {
+    // A base-system unit is the system's even when its program cannot be read.
+    if ((f.executablePath && isAppleProgram(*f.executablePath, f.launchdLabel)) ||
+        (f.launchdLabel && isSystemJob(*f.launchdLabel))) {
         std::optional<std::string> fix;
         if (f.name == "ControlCenter" && (f.port == 5000 || f.port == 7000))
             fix = "System Settings → General → AirDrop & Handoff → AirPlay Receiver";
         return {ListenerRole::AppleSystem{fix}};
     }
     if (auto app = appName(f)) return {ListenerRole::PartOfApp{*app}};
-    if (f.launchdLabel && !isSystemJob(*f.launchdLabel, f.executablePath))
-        return serviceRole(*f.launchdLabel);
+    if (f.launchdLabel && isServiceJob(*f.launchdLabel)) return serviceRole(*f.launchdLabel);
     return {ListenerRole::PlainProcess{}};
 }
 
@@ -161,6 +191,9 @@ ListenerRole RoleResolver::resolvePlain(int32_t pid, uint16_t /*port*/, const La
         auto info = environment_.process(current);
         if (!info || info->ppid < 2) break;
         const int32_t parent = info->ppid;
+        // The manager gave this process a unit of its own: it is not part
+        // of whatever job its parent belongs to.
+        if (jobs.crossesUnit(current, parent)) break;
         auto parentInfo = environment_.process(parent);
         if (!parentInfo) break;
         // Started by hand from an interactive shell: the process is its own master.
@@ -168,8 +201,8 @@ ListenerRole RoleResolver::resolvePlain(int32_t pid, uint16_t /*port*/, const La
             !isCommandWrapper(environment_.arguments(parent).value_or(std::vector<std::string>{})))
             break;
         if (auto label = jobs.label(parent)) {
-            if (classifier_.isServiceJob(*label, environment_.executablePath(parent)))
-                return classifier_.serviceRole(*label);
+            if (classifier_.isSystemJob(*label)) return {ListenerRole::AppleSystem{}};
+            if (classifier_.isServiceJob(*label)) return classifier_.serviceRole(*label);
         }
         current = parent;
     }

@@ -19,13 +19,14 @@ std::unique_ptr<PortEnvironment> makeLivePortEnvironment(std::shared_ptr<Command
 /// This platform's service-manager labels.
 std::shared_ptr<const ServiceLabels> platformServiceLabels();
 
-/// A classifier for this machine: its service labels, its system-program
-/// check behind a shared cache, and keeps-alive answers through `runner`.
+/// A classifier for this machine: its service labels and its table of system
+/// programs, with keeps-alive answers through `runner`.
 ListenerClassifier makeLiveClassifier(uint32_t uid, const std::string& home,
                                       std::shared_ptr<CommandRunner> runner);
 
 /// The port role rules over this machine, for planning a stop: what the
 /// process `pid` is when it listens on `port` (0 for a stop without a port).
+/// Every call reads the machine afresh.
 std::function<ListenerRole(int32_t pid, std::optional<uint16_t> port)> makeLiveRoleRules(
     uint32_t uid, const std::string& home, std::shared_ptr<CommandRunner> runner);
 

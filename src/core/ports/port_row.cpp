@@ -1,5 +1,7 @@
 #include "core/ports/port_row.h"
 
+#include <string_view>
+
 namespace wharfy {
 
 const char* rawValue(AddressClass c) {
@@ -22,8 +24,13 @@ const char* ListenerRole::rawValue() const {
 }
 
 std::string ProjectInfo::name() const {
-    auto slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
+    std::string_view p = path;
+    while (p.size() > 1 && p.back() == '/')
+        p.remove_suffix(1);
+    // The root folder has no last component; it is named by itself.
+    if (p == "/") return "/";
+    auto slash = p.rfind('/');
+    return std::string(slash == std::string_view::npos ? p : p.substr(slash + 1));
 }
 
 std::string PortRow::id() const {

@@ -30,13 +30,14 @@ std::vector<PortRow> PortScanner::scan(const CpuByProcess& cpu) {
     }
 
     const LaunchdJobs jobs = environment_.launchdJobs();
+    const ListenerClassifier classifier = classifier_.forOneRefresh();
     std::vector<PortRow> rows;
     std::set<int32_t> covered;
     for (const auto& [key, sockets] : groups) {
         auto info = environment_.process(key.first);
         if (!info || info->isZombie()) continue;
         covered.insert(key.first);
-        rows.push_back(ownRow(key.first, key.second, *info, sockets, jobs, cpu));
+        rows.push_back(ownRow(key.first, key.second, *info, sockets, jobs, classifier, cpu));
     }
 
     // The rest of the machine: listeners of processes nobody here can
@@ -74,15 +75,15 @@ std::vector<PortRow> PortScanner::scan(const CpuByProcess& cpu) {
     return rows;
 }
 
-ListenerRole PortScanner::role(const ListenerFacts& facts, const LaunchdJobs& jobs) {
-    RoleResolver resolver(environment_, classifier_);
-    ListenerRole role = classifier_.classify(facts);
+ListenerRole PortScanner::role(const ListenerFacts& facts, const LaunchdJobs& jobs,
+                               const ListenerClassifier& classifier) {
+    RoleResolver resolver(environment_, classifier);
+    ListenerRole role = classifier.classify(facts);
     if (role.is<ListenerRole::PartOfApp>()) {
         // A command-line tool inside an app's folder, started by hand, is not the app.
         if (!resolver.isRunByItsApp(facts.pid, facts.executablePath, jobs)) {
-            if (facts.launchdLabel &&
-                classifier_.isServiceJob(*facts.launchdLabel, facts.executablePath))
-                return classifier_.serviceRole(*facts.launchdLabel);
+            if (facts.launchdLabel && classifier.isServiceJob(*facts.launchdLabel))
+                return classifier.serviceRole(*facts.launchdLabel);
             return resolver.resolvePlain(facts.pid, facts.port, jobs,
                                          {ListenerRole::PlainProcess{}});
         }
@@ -98,18 +99,18 @@ ListenerRole PortScanner::role(int32_t pid, uint16_t port, const LaunchdJobs& jo
     ListenerFacts facts{pid, port,           info->name, environment_.executablePath(pid),
                         {},  jobs.label(pid)};
     if (auto arguments = environment_.arguments(pid)) facts.arguments = std::move(*arguments);
-    return role(facts, jobs);
+    return role(facts, jobs, classifier_.forOneRefresh());
 }
 
 PortRow PortScanner::ownRow(int32_t pid, uint16_t port, const nemarro::process::BSDInfo& info,
                             const std::vector<ListeningSocket>& sockets, const LaunchdJobs& jobs,
-                            const CpuByProcess& cpu) {
+                            const ListenerClassifier& classifier, const CpuByProcess& cpu) {
     ListenerFacts facts{pid, port,           info.name, environment_.executablePath(pid),
                         {},  jobs.label(pid)};
     auto arguments = environment_.arguments(pid);
     if (arguments) facts.arguments = *arguments;
 
-    ListenerRole role = this->role(facts, jobs);
+    ListenerRole role = this->role(facts, jobs, classifier);
 
     PortRow row;
     row.port = port;

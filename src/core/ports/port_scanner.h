@@ -26,7 +26,8 @@ class PortScanner {
           resolver_(std::move(resolver)),
           uid_(uid) {}
 
-    /// Every listening port, sorted by port and then pid.
+    /// Every listening port, sorted by port and then pid. One call is one
+    /// refresh: the service manager is asked about each job at most once.
     std::vector<PortRow> scan(const CpuByProcess& cpu = {});
 
     /// What the process listening on `port` is, by the same rules as its row:
@@ -37,10 +38,12 @@ class PortScanner {
     static std::vector<PortRow> rows(uint16_t port, const std::vector<PortRow>& rows);
 
   private:
-    ListenerRole role(const ListenerFacts& facts, const LaunchdJobs& jobs);
+    ListenerRole role(const ListenerFacts& facts, const LaunchdJobs& jobs,
+                      const ListenerClassifier& classifier);
     PortRow ownRow(int32_t pid, uint16_t port, const nemarro::process::BSDInfo& info,
                    const std::vector<nemarro::process::ListeningSocket>& sockets,
-                   const LaunchdJobs& jobs, const CpuByProcess& cpu);
+                   const LaunchdJobs& jobs, const ListenerClassifier& classifier,
+                   const CpuByProcess& cpu);
 
     PortEnvironment& environment_;
     const ListenerClassifier& classifier_;

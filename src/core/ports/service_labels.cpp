@@ -70,14 +70,8 @@ constexpr std::string_view kUserPrefix = "user/";
 
 // ---- launchd ----
 
-const std::vector<std::string>& LaunchdLabels::systemPathPrefixes() const {
-    static const std::vector<std::string> prefixes{"/System/", "/usr/libexec/", "/usr/sbin/",
-                                                   "/Library/Apple/"};
-    return prefixes;
-}
-
-bool LaunchdLabels::mayBeSystemJob(std::string_view label) const {
-    return label.starts_with("com.apple.");
+ServiceLabels::SystemJob LaunchdLabels::systemJob(std::string_view label) const {
+    return label.starts_with("com.apple.") ? SystemJob::ifSystemSigned : SystemJob::no;
 }
 
 bool LaunchdLabels::isAppJob(std::string_view label) const {
@@ -115,20 +109,38 @@ std::optional<bool> LaunchdLabels::keepsAlive(std::string_view label, uint32_t u
 
 // ---- systemd ----
 
-const std::vector<std::string>& SystemdLabels::systemPathPrefixes() const {
-    static const std::vector<std::string> prefixes{"/usr/sbin/", "/usr/libexec/",
-                                                   "/usr/lib/systemd/", "/lib/systemd/", "/sbin/"};
-    return prefixes;
-}
-
 std::string_view SystemdLabels::unit(std::string_view label) {
     if (label.starts_with(kSystemPrefix)) return label.substr(kSystemPrefix.size());
-    if (label.starts_with(kUserPrefix)) return label.substr(kUserPrefix.size());
+    if (label.starts_with(kUserPrefix)) {
+        label.remove_prefix(kUserPrefix.size());
+        auto slash = label.find('/');
+        return slash == std::string_view::npos ? label : label.substr(slash + 1);
+    }
     return label;
 }
 
-bool SystemdLabels::mayBeSystemJob(std::string_view label) const {
-    return label.starts_with(kSystemPrefix);
+std::optional<uint32_t> SystemdLabels::owner(std::string_view label) {
+    if (!label.starts_with(kUserPrefix)) return std::nullopt;
+    label.remove_prefix(kUserPrefix.size());
+    auto digits = label.substr(0, label.find('/'));
+    uint32_t uid = 0;
+    auto [p, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), uid, 10);
+    if (digits.empty() || ec != std::errc() || p != digits.data() + digits.size())
+        return std::nullopt;
+    return uid;
+}
+
+bool SystemdLabels::isSafeUnitName(std::string_view u) {
+    if (u.empty() || u.size() > 255 || u.front() == '-') return false;
+    return std::all_of(u.begin(), u.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == ':' || c == '_' || c == '.' || c == '@' || c == '-' || c == '\\';
+    });
+}
+
+ServiceLabels::SystemJob SystemdLabels::systemJob(std::string_view label) const {
+    if (!label.starts_with(kSystemPrefix)) return SystemJob::no;
+    return systemPrograms().isSystemService(unit(label)) ? SystemJob::yes : SystemJob::no;
 }
 
 bool SystemdLabels::isAppJob(std::string_view label) const {
@@ -154,23 +166,46 @@ std::string SystemdLabels::appName(std::string_view label, const std::string& pr
     return lastNamedPiece(unescapeUnit(pieces.back())).value_or(processName);
 }
 
-std::string SystemdLabels::stopCommand(std::string_view label, uint32_t /*uid*/) const {
+// The user's name goes on a command line and into text the user copies, so
+// only a plain account name is used; anything else is named by its uid.
+std::string SystemdLabels::managerOf(uint32_t owner) const {
+    std::string name = std::to_string(owner);
+    if (userName_) {
+        auto found = userName_(owner);
+        if (found && !found->empty() && found->front() != '-' &&
+            std::all_of(found->begin(), found->end(), [](char c) {
+                return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '_' || c == '.' || c == '-';
+            }))
+            name = *found;
+    }
+    return name + "@";
+}
+
+std::string SystemdLabels::stopCommand(std::string_view label, uint32_t uid) const {
     auto u = unit(label);
+    auto who = owner(label);
+    if (!who) return "sudo systemctl stop " + std::string(u);
+    if (*who != uid) return "systemctl --user -M " + managerOf(*who) + " stop " + std::string(u);
     constexpr std::string_view brew = "homebrew.mxcl.";
     if (u.starts_with(brew)) {
         auto name = u.substr(brew.size());
         if (name.ends_with(".service")) name.remove_suffix(std::string_view(".service").size());
         return "brew services stop " + std::string(name);
     }
-    if (label.starts_with(kUserPrefix)) return "systemctl --user stop " + std::string(u);
-    return "sudo systemctl stop " + std::string(u);
+    return "systemctl --user stop " + std::string(u);
 }
 
-std::optional<bool> SystemdLabels::keepsAlive(std::string_view label, uint32_t /*uid*/,
+std::optional<bool> SystemdLabels::keepsAlive(std::string_view label, uint32_t uid,
                                               CommandRunner& runner) const {
+    const auto u = unit(label);
+    if (!isSafeUnitName(u)) return std::nullopt;
     std::vector<std::string> args;
-    if (label.starts_with(kUserPrefix)) args.push_back("--user");
-    args.insert(args.end(), {"show", "--property=Restart", "--value", std::string(unit(label))});
+    if (auto who = owner(label)) {
+        args.push_back("--user");
+        if (*who != uid) args.insert(args.end(), {"-M", managerOf(*who)});
+    }
+    args.insert(args.end(), {"show", "--property=Restart", "--value", "--", std::string(u)});
     auto out = runner.run("/usr/bin/systemctl", args);
     if (!out) return std::nullopt;
     auto value = trim(*out);
@@ -180,8 +215,8 @@ std::optional<bool> SystemdLabels::keepsAlive(std::string_view label, uint32_t /
     return value != "no";
 }
 
-std::optional<std::string> SystemdLabels::labelFromCgroup(std::string_view text) {
-    std::string_view path;
+std::optional<UnitPlacement> SystemdLabels::placementFromCgroup(std::string_view text) {
+    std::optional<std::string_view> path;
     for (auto line : split(text, '\n')) {
         // "ID:CONTROLLERS:PATH"; the systemd hierarchy wins over the unified one.
         auto first = line.find(':');
@@ -196,37 +231,73 @@ std::optional<std::string> SystemdLabels::labelFromCgroup(std::string_view text)
         }
         if (line.substr(0, first) == "0" && controllers.empty()) path = p;
     }
-    if (path.empty()) return std::nullopt;
+    if (!path || !path->starts_with('/')) return std::nullopt;
 
+    UnitPlacement placement;
     std::string_view unitName;
-    bool underUserManager = false;
-    for (auto piece : split(path, '/')) {
-        if (piece.starts_with("user@") && piece.ends_with(".service")) {
-            underUserManager = true;
+    std::optional<std::string_view> userManager;
+    size_t unitEnd = path->size();
+    size_t pos = 0;
+    for (auto piece : split(*path, '/')) {
+        const size_t end = pos + piece.size();
+        pos = end + 1;
+        if (piece.starts_with("user@") && piece.ends_with(".service") &&
+            allDigits(piece.substr(5, piece.size() - 5 - 8))) {
+            userManager = piece.substr(5, piece.size() - 5 - 8);
             unitName = {};  // the manager itself is not a job of the user's
+            unitEnd = end;
             continue;
         }
-        if (piece.ends_with(".service") || piece.ends_with(".scope")) unitName = piece;
+        if (piece.ends_with(".service") || piece.ends_with(".scope")) {
+            unitName = piece;
+            unitEnd = end;
+        }
     }
-    if (unitName.empty() || unitName == "init.scope") return std::nullopt;
-    const std::string prefix(underUserManager ? kUserPrefix : kSystemPrefix);
-    std::string label = prefix + std::string(unitName);
-    if (unitName.ends_with(".service")) return label;
+    placement.unit = std::string(path->substr(0, unitEnd));
+    if (unitName.empty() || unitName == "init.scope") return placement;
+    std::string label = userManager ? std::string(kUserPrefix) + std::string(*userManager) + "/"
+                                    : std::string(kSystemPrefix);
+    label += unitName;
     // Scopes hold login sessions, terminal tabs and containers; only the
     // desktop's app scopes belong to a job.
-    if (SystemdLabels().isAppJob(label)) return label;
-    return std::nullopt;
+    if (unitName.ends_with(".service") || SystemdLabels().isAppJob(label))
+        placement.label = std::move(label);
+    return placement;
 }
 
 // ---- labels of processes ----
 
+LaunchdJobs::LaunchdJobs(Placement placement, Parent parent)
+    : units_(std::make_shared<Units>(Units{std::move(placement), std::move(parent), {}})) {}
+
+const std::optional<UnitPlacement>& LaunchdJobs::Units::of(int32_t pid) {
+    auto [it, inserted] = memo.try_emplace(pid);
+    if (inserted) it->second = placement(pid);
+    return it->second;
+}
+
 std::optional<std::string> LaunchdJobs::label(int32_t pid) const {
-    if (auto it = labelByPID_.find(pid); it != labelByPID_.end()) return it->second;
-    if (!lookup_) return std::nullopt;
-    if (auto it = memo_->find(pid); it != memo_->end()) return it->second;
-    auto found = lookup_(pid);
-    memo_->emplace(pid, found);
-    return found;
+    if (!units_) {
+        auto it = labelByPID_.find(pid);
+        if (it == labelByPID_.end()) return std::nullopt;
+        return it->second;
+    }
+    const auto& own = units_->of(pid);
+    if (!own || !own->label) return std::nullopt;
+    auto parent = units_->parent(pid);
+    if (parent && *parent > 0) {
+        const auto& theirs = units_->of(*parent);
+        if (theirs && theirs->unit == own->unit) return std::nullopt;
+    }
+    return own->label;
+}
+
+bool LaunchdJobs::crossesUnit(int32_t pid, int32_t parent) const {
+    if (!units_) return false;
+    // References into the memo stay valid as it grows.
+    const auto& own = units_->of(pid);
+    const auto& theirs = units_->of(parent);
+    return own && theirs && own->unit != theirs->unit;
 }
 
 LaunchdJobs LaunchdJobs::parse(std::string_view text) {

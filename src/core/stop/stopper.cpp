@@ -1,6 +1,5 @@
 #include "core/stop/stopper.h"
 
-#include <array>
 #include <chrono>
 #include <deque>
 #include <map>
@@ -8,6 +7,7 @@
 #include <string_view>
 #include <thread>
 
+#include "core/ports/system_programs.h"
 #include "core/stop/protected.h"
 #include "core/stop/runners.h"
 
@@ -24,19 +24,11 @@ namespace {
 // that changes under the walk.
 constexpr int kMaxAncestors = 64;
 
-// Programs installed by the operating system. The rule refuses them as part
-// of the operating system, the same refusal the port rules give such
-// programs, because that tells the user where to look instead.
-constexpr std::array<std::string_view, 7> kSystemPaths{
-    "/System/",          "/usr/libexec/", "/usr/sbin/", "/Library/Apple/",
-    "/usr/lib/systemd/", "/lib/systemd/", "/sbin/"};
-
+// The operating system's own programs are refused as part of the operating
+// system, the same refusal the port rules give them, because that tells the
+// user where to look instead. The table is the one the port rules use.
 bool isSystemPath(const std::optional<std::string>& path) {
-    if (!path) return false;
-    for (auto prefix : kSystemPaths) {
-        if (path->starts_with(prefix)) return true;
-    }
-    return false;
+    return path && platformSystemPrograms().isSystemPath(*path);
 }
 
 bool isShellRef(const ProcessRef& ref) {

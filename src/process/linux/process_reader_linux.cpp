@@ -82,8 +82,9 @@ struct Dirent64 {
     char name[1];
 };
 
-// Calls fn(name) for every entry of the open directory; getdents64 directly,
-// because readdir allocates and this runs for every process on every refresh.
+// Calls fn(name, inode) for every entry of the open directory; getdents64
+// directly, because readdir allocates and this runs for every process on
+// every refresh.
 template <typename Fn>
 bool forEachEntry(int dirfd, Fn&& fn) {
     alignas(8) char buf[16384];
@@ -93,7 +94,7 @@ bool forEachEntry(int dirfd, Fn&& fn) {
         if (n == 0) return true;
         for (long off = 0; off < n;) {
             auto* d = reinterpret_cast<Dirent64*>(buf + off);
-            fn(static_cast<const char*>(d->name));
+            fn(static_cast<const char*>(d->name), d->ino);
             off += d->reclen;
         }
     }
@@ -114,14 +115,26 @@ TickClock TickClock::current() {
 
 std::vector<int32_t> ProcessReader::allPIDs() {
     std::vector<int32_t> pids;
+    for (const auto& entry : pidEntries())
+        pids.push_back(entry.pid);
+    return pids;
+}
+
+// The serial is the inode number of /proc/PID. The kernel makes a new inode
+// for the directory of every new process, and the number comes from a
+// counter, so a reused pid never shows its predecessor's number. The same
+// process keeps its number while the entry stays cached, and gets a new one
+// only when memory pressure drops it: a false "changed", which costs a read.
+std::vector<PidEntry> ProcessReader::pidEntries() {
+    std::vector<PidEntry> entries;
     int fd = ::openat(procDir(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return pids;
-    pids.reserve(512);
-    forEachEntry(fd, [&](const char* name) {
-        if (auto pid = numericName(name); pid && *pid >= 1) pids.push_back(*pid);
+    if (fd < 0) return entries;
+    entries.reserve(512);
+    forEachEntry(fd, [&](const char* name, uint64_t inode) {
+        if (auto pid = numericName(name); pid && *pid >= 1) entries.push_back({*pid, inode});
     });
     ::close(fd);
-    return pids;
+    return entries;
 }
 
 namespace {
@@ -148,17 +161,23 @@ std::optional<BSDInfo> infoFrom(int32_t pid, StatFields&& stat) {
     return info;
 }
 
-std::optional<Usage> usageFrom(int32_t pid, const StatFields& stat) {
+std::optional<uint64_t> footprintOf(int32_t pid) {
     char buf[kSmallFile];
     auto statmText = readSmall(PidPath(pid, "statm").text, buf, sizeof buf);
     if (!statmText) return std::nullopt;
     auto statm = parseStatm(*statmText);
     if (!statm) return std::nullopt;
     static const uint64_t pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    return (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
+}
+
+std::optional<Usage> usageFrom(int32_t pid, const StatFields& stat) {
+    auto footprint = footprintOf(pid);
+    if (!footprint) return std::nullopt;
     Usage u;
-    u.footprint =
-        (statm->resident > statm->shared ? statm->resident - statm->shared : 0) * pageSize;
+    u.footprint = *footprint;
     u.cpuTicks = stat.utime + stat.stime;
+    char buf[kSmallFile];
     if (auto ioText = readSmall(PidPath(pid, "io").text, buf, sizeof buf)) {
         if (auto io = parseIo(*ioText)) {
             u.diskRead = io->readBytes;
@@ -175,6 +194,13 @@ std::optional<BSDInfo> ProcessReader::bsdInfo(int32_t pid) {
     auto stat = readStat(pid);
     if (!stat) return std::nullopt;
     return infoFrom(pid, std::move(*stat));
+}
+
+std::optional<uint64_t> ProcessReader::startTime(int32_t pid) {
+    if (pid < 1) return std::nullopt;
+    auto stat = readStat(pid);
+    if (!stat) return std::nullopt;
+    return startTimeMicros(bootTime(), stat->startTicks, ticksPerSecond());
 }
 
 std::optional<ProcessFacts> ProcessReader::facts(int32_t pid) {
@@ -198,6 +224,16 @@ std::optional<std::string> ProcessReader::currentDirectory(int32_t pid) {
     auto link = readLink(PidPath(pid, "cwd").text);
     if (!link || link->empty()) return std::nullopt;
     return wharfy::repairUtf8(stripDeleted(std::move(*link)));
+}
+
+std::optional<std::string> ProcessReader::controlGroups(int32_t pid) {
+    if (pid < 1) return std::nullopt;
+    // One line per hierarchy, each path at most a few hundred bytes in
+    // practice; a file that fills the buffer may be cut, so it is refused.
+    char buf[16384];
+    auto text = readSmall(PidPath(pid, "cgroup").text, buf, sizeof buf);
+    if (!text || text->size() == sizeof buf) return std::nullopt;
+    return std::string(*text);
 }
 
 size_t ProcessReader::argumentsBufferSize() {
@@ -224,6 +260,11 @@ std::optional<std::vector<std::string>> ProcessReader::arguments(int32_t pid,
     return parseCmdline(*text);
 }
 
+std::optional<uint64_t> ProcessReader::footprint(int32_t pid) {
+    if (pid < 1) return std::nullopt;
+    return footprintOf(pid);
+}
+
 std::optional<Usage> ProcessReader::usage(int32_t pid) {
     auto stat = readStat(pid);
     if (!stat) return std::nullopt;
@@ -235,7 +276,7 @@ std::optional<std::vector<FileDescriptor>> ProcessReader::fileDescriptors(int32_
     if (dirfd < 0) return std::nullopt;
     std::vector<FileDescriptor> out;
     char link[64];
-    bool ok = forEachEntry(dirfd, [&](const char* name) {
+    bool ok = forEachEntry(dirfd, [&](const char* name, uint64_t) {
         auto fd = numericName(name);
         if (!fd) return;
         FileDescriptor d{*fd, FileDescriptor::kOther, 0};

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "core/containers/container_actions.h"
@@ -159,6 +160,7 @@ TEST_F(ContainerActionsTest, StopPollsUntilTheContainerLeavesRunning) {
     ASSERT_TRUE(r.ok());
     EXPECT_EQ(r.value().stopOutcome, StopOutcome::stopped);
     EXPECT_EQ(sleeps, std::vector<double>(3, 0.5));
+    EXPECT_EQ(std::count(transport->requests.begin(), transport->requests.end(), "/version"), 1);
     EXPECT_EQ(r.value().macDiskBefore, std::nullopt);
     EXPECT_EQ(r.value().note, std::nullopt);
 }

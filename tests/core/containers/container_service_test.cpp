@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "core/containers/container_service.h"
@@ -71,6 +72,33 @@ TEST_F(ContainerServiceTest, FailureKeepsThePreviousReading) {
     auto cached = service.sizes(false);
     ASSERT_TRUE(cached.ok());
     EXPECT_EQ(cached.value().readAt, 1000.0);
+}
+
+TEST_F(ContainerServiceTest, VersionIsAskedOnceAndAgainOnlyAfterAFailure) {
+    fast->answers.insert_or_assign("/v1.41/containers/json?all=1",
+                                   FakeEngineTransport::response(200, "[]"));
+    auto versions = [&] {
+        return std::count(fast->requests.begin(), fast->requests.end(), "/version") +
+               std::count(slow->requests.begin(), slow->requests.end(), "/version");
+    };
+    // Two refreshes: containers, then sizes.
+    for (int refresh = 0; refresh < 2; ++refresh) {
+        ASSERT_TRUE(service.containers().ok());
+        ASSERT_TRUE(service.sizes(true).ok());
+    }
+    EXPECT_EQ(versions(), 1);
+
+    fast->answers.insert_or_assign("/v1.41/containers/json?all=1",
+                                   FakeEngineTransport::response(404, "{}"));
+    EXPECT_FALSE(service.containers().ok());
+    EXPECT_EQ(versions(), 1);
+    fast->answers.insert_or_assign(
+        "/version", FakeEngineTransport::response(200, R"({"Version":"y","ApiVersion":"1.43"})"));
+    fast->answers.insert_or_assign("/v1.43/containers/json?all=1",
+                                   FakeEngineTransport::response(200, "[]"));
+    EXPECT_TRUE(service.containers().ok());
+    EXPECT_EQ(versions(), 2);
+    EXPECT_EQ(fast->requests.back(), "/v1.43/containers/json?all=1");
 }
 
 TEST(VMDiskMeterTest, MeasuresSparseFilesAndSkipsTheRest) {

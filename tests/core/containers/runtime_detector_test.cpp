@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <iterator>
 #include <memory>
 
 #include "core/containers/runtime_detector.h"
@@ -57,11 +59,11 @@ TEST_F(RuntimeDetectorTest, ColimaProfilesInOrderWithTheirDisks) {
                                      "Colima (default)",
                                      kHome + "/.colima/default/docker.sock",
                                      std::nullopt,
-                                     true,
+                                     RuntimeStatus::running,
                                      {kHome + "/.colima/_lima/colima/disk",
                                       kHome + "/.colima/_lima/_disks/colima/datadisk"}}));
     EXPECT_EQ(found[1].displayName, "Colima (work)");
-    EXPECT_FALSE(found[1].isRunning);
+    EXPECT_FALSE(found[1].isRunning());
     EXPECT_EQ(found[1].diskImagePaths[0], kHome + "/.colima/_lima/colima-work/disk");
     EXPECT_EQ(found[1].id(), "colima(profile: \"work\")");
     EXPECT_TRUE(found[0].isMeasurable());
@@ -79,14 +81,20 @@ TEST_F(RuntimeDetectorTest, LinuxEnginesInOrderWithoutDiskImages) {
                                      "Docker Desktop",
                                      kHome + "/.docker/desktop/docker.sock",
                                      std::nullopt,
-                                     true,
+                                     RuntimeStatus::running,
                                      {kHome + "/.docker/desktop/vms/0/data/Docker.raw"}}));
-    EXPECT_EQ(
-        found[1],
-        (RuntimeInfo{kEngine, "Docker Engine", "/var/run/docker.sock", std::nullopt, true, {}}));
-    EXPECT_EQ(
-        found[2],
-        (RuntimeInfo{kPodman, "Podman", kXdg + "/podman/podman.sock", std::nullopt, true, {}}));
+    EXPECT_EQ(found[1], (RuntimeInfo{kEngine,
+                                     "Docker Engine",
+                                     "/var/run/docker.sock",
+                                     std::nullopt,
+                                     RuntimeStatus::running,
+                                     {}}));
+    EXPECT_EQ(found[2], (RuntimeInfo{kPodman,
+                                     "Podman",
+                                     kXdg + "/podman/podman.sock",
+                                     std::nullopt,
+                                     RuntimeStatus::running,
+                                     {}}));
     EXPECT_EQ(found[1].id(), "dockerEngine");
     EXPECT_EQ(found[2].id(), "podman");
 }
@@ -112,7 +120,7 @@ TEST_F(RuntimeDetectorTest, WithoutXdgRuntimeDirOnlySystemSocketsAreTried) {
     auto found = detect(DetectorPlatform::linuxOS, std::nullopt);
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].kind, kPodman);
-    EXPECT_FALSE(found[0].isRunning);
+    EXPECT_FALSE(found[0].isRunning());
     EXPECT_EQ(found[0].socketPath, std::nullopt);
     EXPECT_EQ(found[0].stateText(), "Not running. Wharfy never starts a runtime.");
 }
@@ -143,7 +151,7 @@ TEST_F(RuntimeDetectorTest, MacOrbStackClaimsTheSharedSocket) {
                                      "Docker Desktop",
                                      std::nullopt,
                                      std::nullopt,
-                                     false,
+                                     RuntimeStatus::notRunning,
                                      {kHome + "/Library/Containers/com.docker.docker/Data/vms/0/"
                                               "data/Docker.raw"}}));
 }
@@ -165,19 +173,99 @@ TEST_F(RuntimeDetectorTest, ContextsLocalRemoteAndDropped) {
                                      "Docker context far",
                                      std::nullopt,
                                      "tcp://192.168.1.5:2376",
-                                     false,
+                                     RuntimeStatus::notRunning,
                                      {}}));
     EXPECT_EQ(found[1].stateText(),
               "Remote context (tcp://192.168.1.5:2376). Listed only; Wharfy does not measure or "
               "change it.");
-    EXPECT_EQ(
-        found[2],
-        (RuntimeInfo{
-            context("other"), "Docker context other", "/srv/other.sock", std::nullopt, true, {}}));
+    EXPECT_EQ(found[2], (RuntimeInfo{context("other"),
+                                     "Docker context other",
+                                     "/srv/other.sock",
+                                     std::nullopt,
+                                     RuntimeStatus::running,
+                                     {}}));
     EXPECT_EQ(found[2].id(), "context(name: \"other\")");
     // A remote context is never probed.
-    for (const auto& p : fs->pinged)
+    for (const auto& p : fs->pinged())
         EXPECT_EQ(p.find("tcp:"), std::string::npos);
+}
+
+TEST_F(RuntimeDetectorTest, EverySocketIsPingedInOneBatch) {
+    // Five contexts that would each cost the whole probe time-out if asked
+    // one after another.
+    fs->folders[kHome + "/.colima"] = {"default"};
+    fs->addSocket(kHome + "/.colima/default/docker.sock", true);
+    fs->addSocket(kXdg + "/podman/podman.sock", false);
+    std::vector<std::string> expected{kHome + "/.colima/default/docker.sock",
+                                      kXdg + "/podman/podman.sock"};
+    for (int i = 0; i < 5; ++i) {
+        const std::string socket = "/srv/hung" + std::to_string(i) + ".sock";
+        fs->addSocket(socket, SocketAnswer::notAnswering);
+        addContext("c" + std::to_string(i),
+                   contextMeta("hung" + std::to_string(i), "unix://" + socket));
+        expected.push_back(socket);
+    }
+    auto found = detect();
+    ASSERT_EQ(fs->pingBatches.size(), 1u);
+    EXPECT_EQ(fs->pingBatches[0], expected);
+    ASSERT_EQ(found.size(), 7u);
+    EXPECT_TRUE(found[0].isRunning());
+    EXPECT_EQ(found[1].status, RuntimeStatus::notRunning);
+    for (size_t i = 2; i < found.size(); ++i)
+        EXPECT_EQ(found[i].status, RuntimeStatus::notAnswering) << found[i].displayName;
+}
+
+TEST_F(RuntimeDetectorTest, EachAnswerGivesItsStateAndText) {
+    struct Case {
+        SocketAnswer answer;
+        RuntimeStatus status;
+        bool keepsSocket;
+        const char* name;
+        std::optional<std::string> text;
+    };
+    const Case cases[] = {
+        {SocketAnswer::answered, RuntimeStatus::running, true, "running", std::nullopt},
+        {SocketAnswer::refused, RuntimeStatus::notRunning, false, "notRunning",
+         "Not running. Wharfy never starts a runtime."},
+        {SocketAnswer::notAnswering, RuntimeStatus::notAnswering, true, "notAnswering",
+         "Running, but not answering."},
+        {SocketAnswer::permissionDenied, RuntimeStatus::permissionDenied, true, "permissionDenied",
+         "Wharfy may not use this runtime's socket (permission denied)."},
+    };
+    for (const auto& c : cases) {
+        fs = std::make_shared<FakeDetectorFileSystem>();
+        fs->addSocket("/run/podman/podman.sock", c.answer);
+        auto found = detect();
+        ASSERT_EQ(found.size(), 1u) << c.name;
+        EXPECT_EQ(found[0].status, c.status) << c.name;
+        EXPECT_EQ(found[0].socketPath.has_value(), c.keepsSocket) << c.name;
+        EXPECT_EQ(found[0].isMeasurable(), c.status == RuntimeStatus::running) << c.name;
+        EXPECT_STREQ(found[0].stateName(), c.name);
+        EXPECT_EQ(found[0].stateText(), c.text) << c.name;
+    }
+}
+
+TEST(PingAnswerTest, TransportOutcomes) {
+    using Kind = TransportError::Kind;
+    struct Case {
+        Result<std::string, TransportError> outcome;
+        SocketAnswer expected;
+    };
+    const Case cases[] = {
+        {std::string("HTTP/1.1 500 X\r\n\r\n"), SocketAnswer::answered},
+        {std::string(), SocketAnswer::answered},
+        {TransportError{Kind::responseTooLarge, 0}, SocketAnswer::answered},
+        {TransportError{Kind::headerTooLarge, 0}, SocketAnswer::answered},
+        {TransportError{Kind::timedOut, 0}, SocketAnswer::notAnswering},
+        {TransportError{Kind::ioFailed, ECONNRESET}, SocketAnswer::notAnswering},
+        {TransportError{Kind::connectFailed, EACCES}, SocketAnswer::permissionDenied},
+        {TransportError{Kind::connectFailed, EPERM}, SocketAnswer::permissionDenied},
+        {TransportError{Kind::connectFailed, ECONNREFUSED}, SocketAnswer::refused},
+        {TransportError{Kind::connectFailed, ENOENT}, SocketAnswer::refused},
+        {TransportError{Kind::socketPathTooLong, 0}, SocketAnswer::refused},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(pingAnswer(cases[i].outcome), cases[i].expected) << "case " << i;
 }
 
 TEST(DockerBinaryTest, LinuxCandidatesComeFirstWithoutRepeats) {

@@ -125,8 +125,8 @@ TEST(AlertEngineTest, OccupiedBytesOfNativeEnginesAndVirtualMachines) {
     usage.containers = {{"c", {}, "running", 200}};
     usage.volumes = {{"v", 0, 30}};
     usage.buildCache = {{"b", 4, true}, {"d", 1, false}};
-    RuntimeInfo podman{{RuntimeKind::Podman{}}, "Podman", "/run/podman.sock", {}, true, {}};
-    RuntimeInfo desktop{{RuntimeKind::DockerDesktop{}}, "Docker Desktop", {}, {}, true, {"/img"}};
+    RuntimeInfo podman{{RuntimeKind::Podman{}}, "Podman", "/run/podman.sock", {}, RuntimeStatus::running, {}};
+    RuntimeInfo desktop{{RuntimeKind::DockerDesktop{}}, "Docker Desktop", {}, {}, RuntimeStatus::running, {"/img"}};
     const std::vector<DiskFile> files{{"/img", 7000, 90000}};
 
     EXPECT_EQ(occupiedBytes(podman, &usage, {}), 1235u);

@@ -16,10 +16,9 @@ ListenerClassifier macClassifier(std::set<std::string> signedPaths = {}) {
         [](const std::string& label) -> std::optional<bool> { return label == "com.kept"; });
 }
 
-ListenerClassifier linuxClassifier(std::set<std::string> distroPaths = {}) {
+ListenerClassifier linuxClassifier() {
     return ListenerClassifier(
-        1000, "/home/ana", std::make_shared<SystemdLabels>(),
-        [distroPaths](const std::string& p) { return distroPaths.count(p) > 0; },
+        1000, "/home/ana", std::make_shared<SystemdLabels>(), {},
         [](const std::string&) -> std::optional<bool> { return std::nullopt; });
 }
 
@@ -86,7 +85,10 @@ TEST(ListenerClassifier, MacRulesInOrder) {
 }
 
 TEST(ListenerClassifier, LinuxUnitsProgramsAndContainerEngines) {
-    auto c = linuxClassifier({"/usr/bin/redis-server"});
+    auto c = linuxClassifier();
+    auto service = [](const char* label, const char* command) {
+        return R{R::BackgroundService{label, command, std::nullopt}};
+    };
     struct Case {
         const char* what;
         ListenerFacts facts;
@@ -94,33 +96,49 @@ TEST(ListenerClassifier, LinuxUnitsProgramsAndContainerEngines) {
     };
     const Case cases[] = {
         {"docker proxy",
-         facts("docker-proxy", "/usr/bin/docker-proxy"),
+         facts("docker-proxy", "/usr/bin/docker-proxy", "system/docker.service"),
          {R::ContainerForwarder{"Docker Engine"}}},
         {"rootless docker",
          facts("rootlesskit", "/usr/bin/rootlesskit"),
          {R::ContainerForwarder{"Docker Engine"}}},
         {"podman's conmon", facts("conmon", "/usr/bin/conmon"), {R::ContainerForwarder{"Podman"}}},
         {"pasta", facts("pasta", "/usr/bin/pasta"), {R::ContainerForwarder{"Podman"}}},
-        {"systemd's own folder",
+        {"the service manager's own folder",
          facts("systemd-resolve", "/usr/lib/systemd/systemd-resolved"),
          {R::AppleSystem{}}},
-        {"sbin", facts("sshd", "/usr/sbin/sshd"), {R::AppleSystem{}}},
-        {"distribution program in a system unit",
-         facts("redis-server", "/usr/bin/redis-server", "system/redis-server.service"),
+        {"a base-system unit",
+         facts("sshd", "/usr/sbin/sshd", "system/ssh.service"),
          {R::AppleSystem{}}},
-        {"own program in a system unit",
-         facts("api", "/opt/api/bin/api", "system/api.service"),
-         {R::BackgroundService{"system/api.service", "sudo systemctl stop api.service",
-                               std::nullopt}}},
-        {"distribution program in a user unit",
-         facts("redis-server", "/usr/bin/redis-server", "user/redis.service"),
-         {R::BackgroundService{"user/redis.service", "systemctl --user stop redis.service",
-                               std::nullopt}}},
+        {"a base-system unit whose program cannot be read",
+         facts("cupsd", std::nullopt, "system/cups.service"),
+         {R::AppleSystem{}}},
+        {"a system program outside any unit",
+         facts("nginx", "/usr/sbin/nginx"),
+         {R::PlainProcess{}}},
+        {"nginx from /usr/sbin in its unit",
+         facts("nginx", "/usr/sbin/nginx", "system/nginx.service"),
+         service("system/nginx.service", "sudo systemctl stop nginx.service")},
+        {"a template instance",
+         facts("postgres", "/usr/lib/postgresql/15/bin/postgres",
+               "system/postgresql@15-main.service"),
+         service("system/postgresql@15-main.service",
+                 "sudo systemctl stop postgresql@15-main.service")},
+        {"python3 in a developer's unit",
+         facts("python3", "/usr/bin/python3", "system/myflask.service"),
+         service("system/myflask.service", "sudo systemctl stop myflask.service")},
+        {"the user's own unit",
+         facts("redis-server", "/usr/bin/redis-server", "user/1000/redis.service"),
+         service("user/1000/redis.service", "systemctl --user stop redis.service")},
+        {"another user's unit", facts("api", "/opt/api", "user/1001/api.service"),
+         service("user/1001/api.service", "systemctl --user -M 1001@ stop api.service")},
+        {"a user unit named like a base service",
+         facts("dbus-daemon", "/usr/bin/dbus-daemon", "user/1000/dbus.service"),
+         service("user/1000/dbus.service", "systemctl --user stop dbus.service")},
         {"snap",
          facts("firefox", "/snap/firefox/4173/usr/lib/firefox/firefox"),
          {R::PartOfApp{"firefox"}}},
         {"flatpak app unit",
-         facts("app", "/app/bin/app", "user/app-flatpak-org.example.Editor-1234.scope"),
+         facts("app", "/app/bin/app", "user/1000/app-flatpak-org.example.Editor-1234.scope"),
          {R::PartOfApp{"Editor"}}},
         {"plain", facts("node", "/usr/bin/node"), {R::PlainProcess{}}},
     };
@@ -144,6 +162,26 @@ TEST(SignatureCache, ChecksAgainOnlyWhenTheFileChanges) {
     EXPECT_EQ(checks, 2);
     EXPECT_FALSE(cache.verdict("/missing"));
     EXPECT_EQ(checks, 2);
+}
+
+TEST(SignatureCache, ForgetsTheOldestVerdictsBeyondItsCapacity) {
+    std::vector<std::string> checked;
+    SignatureCache cache(
+        [&](const std::string& p) {
+            checked.push_back(p);
+            return true;
+        },
+        [](const std::string&) {
+            return SignatureCache::Stamp{1, 1};
+        },
+        3);
+    for (const char* p : {"/a", "/b", "/c", "/d", "/d", "/b"})
+        cache.verdict(p);
+    EXPECT_EQ(cache.size(), 3u);
+    EXPECT_EQ(checked, (std::vector<std::string>{"/a", "/b", "/c", "/d"}));
+    cache.verdict("/a");  // forgotten, so checked again
+    EXPECT_EQ(checked.size(), 5u);
+    EXPECT_EQ(cache.size(), 3u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "printers.h"
 
+#include <map>
 #include <set>
 
 #include "fake_port_environment.h"
@@ -137,12 +138,10 @@ TEST_F(PortScannerTest, ServiceAncestorsClaimPlainProcessesUnlessAShellStartedTh
     EXPECT_EQ(roleOf(300), (R{R::PlainProcess{}}));
 }
 
-TEST_F(PortScannerTest, AncestorWalkStopsAfterEightLevelsAndNeverReadsPidOne) {
-    // Listener 1000 with parents 999, 998, ... 990; pid 990's parent is 1.
+TEST_F(PortScannerTest, AncestorWalkStopsAfterEightLevels) {
+    // Listener 1000 with parents 999, 998, ... 990.
     for (int32_t pid = 990; pid <= 1000; ++pid)
-        env.add(pid, pid == 990 ? 1 : pid - 1, "step", 501, "/opt/step");
-    env.processes[1].info = {0, 0, 1, "launchd", 3};
-    env.processes[1].label = "com.example.root";
+        env.add(pid, pid - 1, "step", 501, "/opt/step");
     env.listen(1000, 4000, "127.0.0.1", C::loopback);
 
     env.processes[992].label = "com.example.eighth";  // 8 levels up: found
@@ -150,10 +149,16 @@ TEST_F(PortScannerTest, AncestorWalkStopsAfterEightLevelsAndNeverReadsPidOne) {
     env.processes[992].label.reset();
     env.processes[991].label = "com.example.ninth";  // 9 levels up: out of reach
     EXPECT_EQ(roleOf(1000), (R{R::PlainProcess{}}));
+}
 
-    env.processes[991].label.reset();
-    env.processReads.clear();
-    scan();
+TEST_F(PortScannerTest, AncestorWalkNeverReadsPidOne) {
+    // Two levels below init: the walk would reach pid 1 well within its limit.
+    env.processes[1].info = {0, 0, 1, "launchd", 3};
+    env.processes[1].label = "com.example.root";
+    env.add(20, 1, "step", 501, "/opt/step");
+    env.add(21, 20, "node", 501, "/opt/node");
+    env.listen(21, 4000, "127.0.0.1", C::loopback);
+    EXPECT_EQ(roleOf(21), (R{R::PlainProcess{}}));
     for (int32_t read : env.processReads)
         EXPECT_NE(read, 1) << "pid 1 was read";
 }
@@ -194,6 +199,92 @@ TEST_F(PortScannerTest, ProjectsOnlyForTheUsersPlainProcessesAndServicesWithPriv
     EXPECT_FALSE(rows[1].project);
     EXPECT_FALSE(rows[1].isOwnedByUser);
     EXPECT_FALSE(rows[2].project);
+}
+
+// A systemd machine: every process sits in a unit, and labels go to each
+// unit's main process only.
+class SystemdScanTest : public ::testing::Test {
+  protected:
+    FakePortEnvironment env;
+    int keepsAliveAsked = 0;
+    ListenerClassifier classifier{1000,
+                                  "/home/ana",
+                                  std::make_shared<SystemdLabels>(),
+                                  {},
+                                  [this](const std::string&) -> std::optional<bool> {
+                                      ++keepsAliveAsked;
+                                      return true;
+                                  }};
+    std::set<std::string> gitFolders{"/home/ana/src/shop/.git"};
+
+    std::vector<PortRow> scan() {
+        ProjectResolver resolver("/home/ana", true,
+                                 [this](const std::string& p) { return gitFolders.count(p) > 0; });
+        return PortScanner(env, classifier, resolver, 1000).scan();
+    }
+    FakePortEnvironment::Process& add(int32_t pid, int32_t ppid, const std::string& name,
+                                      const std::string& cgroup, std::vector<std::string> args = {},
+                                      uint32_t uid = 1000) {
+        auto& p = env.add(pid, ppid, name, uid, "/usr/bin/" + name);
+        p.cgroup = "0::" + cgroup + "\n";
+        p.arguments = std::move(args);
+        return p;
+    }
+};
+
+TEST_F(SystemdScanTest, UnitLabelsReachDescendantsUntilAShellOrAnotherUnit) {
+    const std::string code =
+        "/user.slice/user-1000.slice/user@1000.service/app.slice/"
+        "app-gnome-code-4242.scope";
+    const std::string session = "/user.slice/user-1000.slice/session-3.scope";
+    add(1, 0, "systemd", "/init.scope").path = "/usr/lib/systemd/systemd";
+    add(100, 1, "nginx", "/system.slice/nginx.service");
+    add(101, 100, "nginx", "/system.slice/nginx.service");
+    add(200, 1, "code", code);
+    add(201, 200, "bash", code, {"bash"});  // the editor's terminal
+    add(202, 201, "node", code, {"node", "server.js"}).cwd = "/home/ana/src/shop/web";
+    add(203, 200, "bash", code, {"bash", "-c", "npm run dev"});  // a task the editor runs
+    add(204, 203, "node", code, {"node", "dev.js"});
+    add(300, 1, "sshd", "/system.slice/ssh.service");
+    add(301, 300, "sshd", session);
+    add(302, 301, "bash", session, {"bash", "-c", "node s.js"});  // ssh host 'node s.js'
+    add(303, 302, "node", session);
+    add(400, 1, "cupsd", "/system.slice/cups.service", {}, 0);
+    add(401, 400, "cups-helper", "/system.slice/cups.service", {}, 0);
+    add(500, 1, "python3", "/user.slice/user-1001.slice/user@1001.service/app.slice/api.service",
+        {}, 1001);
+    env.listen(100, 80, "0.0.0.0", C::any, 7);
+    env.listen(101, 80, "0.0.0.0", C::any, 7);
+    env.listen(202, 3000, "127.0.0.1", C::loopback);
+    env.listen(204, 3001, "127.0.0.1", C::loopback);
+    env.listen(303, 4000, "127.0.0.1", C::loopback);
+    env.listen(401, 631, "127.0.0.1", C::loopback);
+    env.listen(500, 5000, "0.0.0.0", C::any);
+
+    const R nginx{
+        R::BackgroundService{"system/nginx.service", "sudo systemctl stop nginx.service", true}};
+    const std::map<int32_t, R> expected{
+        {100, nginx},
+        {101, nginx},  // the worker, through its master
+        {202, {R::PlainProcess{}}},
+        {204, {R::PlainProcess{}}},
+        {303, {R::PlainProcess{}}},  // sshd's session is a unit of its own
+        {401, {R::AppleSystem{}}},
+        {500,
+         {R::BackgroundService{"user/1001/api.service",
+                               "systemctl --user -M 1001@ stop api.service", true}}},
+    };
+    auto rows = scan();
+    ASSERT_EQ(rows.size(), expected.size());
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.role, expected.at(row.pid)) << row.pid;
+        if (row.pid == 202) {
+            EXPECT_EQ(row.project, (ProjectInfo{"~/src/shop", true}));
+        }
+    }
+    EXPECT_EQ(keepsAliveAsked, 2) << "once per unit, not once per row";
+    scan();
+    EXPECT_EQ(keepsAliveAsked, 4) << "and again on the next refresh";
 }
 
 }  // namespace

@@ -87,7 +87,13 @@ TEST(ProjectResolver, WalkOutsideHomeStopsBeforeTheRoot) {
     EXPECT_EQ(resolver.resolve("/opt/a/b"), (ProjectInfo{"/opt/a/b", false}));
     EXPECT_EQ(files.probes,
               (std::vector<std::string>{"/opt/a/b/.git", "/opt/a/.git", "/opt/.git"}));
-    EXPECT_EQ((ProjectInfo{"~/src/app", true}).name(), "app");
+}
+
+TEST(ProjectInfo, NameIsTheLastComponentAndTheRootNamesItself) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"~/src/app", "app"}, {"~", "~"}, {"/", "/"}, {"/opt/srv/", "srv"}};
+    for (const auto& [path, name] : cases)
+        EXPECT_EQ((ProjectInfo{path, false}).name(), name) << path;
 }
 
 }  // namespace

@@ -5,14 +5,13 @@
 #include <thread>
 
 #include "app/containers_command.h"
+#include "app/ports_command.h"
 #include "core/containers/container_actions.h"
 #include "core/containers/container_service.h"
 #include "core/containers/engine_client.h"
 #include "core/containers/port_container_mapper.h"
 #include "core/containers/runtime_detector.h"
 #include "podman_engine.h"
-#include "process/listening_sockets.h"
-#include "process/process_reader.h"
 
 namespace wharfy {
 namespace {
@@ -75,7 +74,7 @@ TEST_F(PodmanEngineTest, DetectsTheEngineFromItsSocket) {
         return r.kind == RuntimeKind{RuntimeKind::Podman{}};
     });
     ASSERT_NE(podman, found.end());
-    EXPECT_TRUE(podman->isRunning);
+    EXPECT_TRUE(podman->isRunning());
     EXPECT_EQ(podman->socketPath, engine().socketPath());
     EXPECT_TRUE(podman->diskImagePaths.empty());
 
@@ -138,7 +137,7 @@ TEST_F(PodmanEngineTest, DiskUsageSeesAnUnusedVolumeAndADanglingImage) {
     ASSERT_TRUE(engine().importImage(tag).has_value());  // leaves the first one untagged
 
     auto service = ContainerService::forSocket(engine().socketPath());
-    auto sizes = service.sizes(false);
+    auto sizes = service->sizes(false);
     ASSERT_TRUE(sizes.ok()) << sizes.error().description();
     auto unused = sizes.value().usage.unusedVolumes();
     EXPECT_TRUE(std::any_of(unused.begin(), unused.end(),
@@ -163,12 +162,25 @@ TEST_F(PodmanEngineTest, CleanupActionsRunThroughTheDockerTool) {
     ASSERT_TRUE(engine().importImage(tag).has_value());
     ASSERT_TRUE(engine().importImage(tag).has_value());
 
+    // The disk meter the app gives the actions: the detected runtime's own
+    // disk images, which a Podman service does not have.
+    RuntimeDetector detector(engine().home(), engine().xdgRuntimeDir(),
+                             std::make_shared<LiveDetectorFileSystem>());
+    auto found = detector.detect();
+    auto podman = std::find_if(found.begin(), found.end(), [](const RuntimeInfo& r) {
+        return r.kind == RuntimeKind{RuntimeKind::Podman{}};
+    });
+    ASSERT_NE(podman, found.end());
+    int diskReads = 0;
     ContainerActions actions{
         *docker,
         engine().socketPath(),
         std::make_shared<SystemActionRunner>(60.0),
         EngineClient(engine().socketPath(), 20),
-        nullptr,
+        [&, runtime = *podman] {
+            ++diskReads;
+            return VMDiskMeter::allocatedBytes(runtime);
+        },
         [](double s) { std::this_thread::sleep_for(std::chrono::duration<double>(s)); },
         ContainerActions::toolEnvironment(engine().home())};
 
@@ -187,6 +199,8 @@ TEST_F(PodmanEngineTest, CleanupActionsRunThroughTheDockerTool) {
     auto vol = actions.perform({ContainerAction::RemoveVolume{volume}});
     ASSERT_TRUE(vol.ok());
     EXPECT_TRUE(vol.value().succeeded) << vol.value().error;
+    EXPECT_GT(diskReads, 0);
+    EXPECT_EQ(vol.value().macDiskBefore, std::nullopt);
     EXPECT_EQ(vol.value().note, std::nullopt);
 
     auto again = actions.perform({ContainerAction::RemoveVolume{volume}});
@@ -245,21 +259,15 @@ TEST_F(PodmanEngineTest, PortRowOfThePublishedPortCarriesItsContainer) {
         run(name, {"-p", "127.0.0.1:" + std::to_string(port) + ":8080"}, kStopsOnTerm);
     ASSERT_FALSE(web.starts_with("FAILED")) << web;
 
-    std::optional<PortRow> row;
-    for (const auto& socket : nemarro::process::ListeningSockets::read()) {
-        if (socket.port != port) continue;
-        auto info = nemarro::process::ProcessReader::bsdInfo(socket.pid);
-        ASSERT_TRUE(info.has_value());
-        row = PortRow{};
-        row->port = socket.port;
-        row->pid = socket.pid;
-        row->processName = info->name;
-        row->addresses = {socket.address};
-        row->role = ListenerRole{ListenerRole::ContainerForwarder{"Podman"}};
-    }
-    ASSERT_TRUE(row.has_value()) << "nothing listens on 127.0.0.1:" << port;
+    // The row as `wharfy` builds it: the real scanner and classifier decide
+    // that conmon forwards the port for Podman.
+    const auto rows = app::scanPorts(app::UserContext::current());
+    auto row =
+        std::find_if(rows.begin(), rows.end(), [&](const PortRow& r) { return r.port == port; });
+    ASSERT_NE(row, rows.end()) << "nothing listens on 127.0.0.1:" << port;
     EXPECT_EQ(row->processName, "conmon");
     EXPECT_EQ(row->addresses, std::vector<std::string>{"127.0.0.1"});
+    EXPECT_EQ(row->role, ListenerRole{ListenerRole::ContainerForwarder{"Podman"}});
 
     auto list = client().containers();
     ASSERT_TRUE(list.ok());

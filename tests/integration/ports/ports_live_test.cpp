@@ -11,10 +11,11 @@
 #include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
+#include <tuple>
 
-#include "core/ports/live_environment.h"
-#include "core/ports/port_scanner.h"
+#include "live_scanner.h"
 #include "printers.h"
 #include "process/process_sampler.h"
 #include "test_process.h"
@@ -22,28 +23,10 @@
 namespace wharfy {
 namespace {
 
+using testing::LiveScanner;
+using testing::on;
 using testing::TempDir;
 using testing::TestProcess;
-
-struct LiveScanner {
-    std::string home;
-    uint32_t uid = ::geteuid();
-    std::shared_ptr<CommandRunner> runner = std::make_shared<SystemCommandRunner>(10);
-    std::unique_ptr<PortEnvironment> environment = makeLivePortEnvironment(runner);
-    ListenerClassifier classifier = makeLiveClassifier(uid, home, runner);
-
-    explicit LiveScanner(std::string h) : home(std::move(h)) {
-        classifier = makeLiveClassifier(uid, home, runner);
-    }
-    std::vector<PortRow> scan(const CpuByProcess& cpu = {}) {
-        ProjectResolver resolver(home, true, &ProjectResolver::pathExists);
-        return PortScanner(*environment, classifier, resolver, uid).scan(cpu);
-    }
-};
-
-std::vector<PortRow> on(uint16_t port, const std::vector<PortRow>& rows) {
-    return PortScanner::rows(port, rows);
-}
 
 /// Everything left to read on `fd`, which is then closed.
 std::string readToEnd(int fd) {
@@ -143,27 +126,42 @@ TEST(LivePorts, RepeatedScansFollowProcessesThatComeAndGo) {
     auto b = TestProcess::start({"--listen", "127.0.0.1:0", "--workers", "1"});
     ASSERT_TRUE(b);
     const auto portB = static_cast<uint16_t>(b->ports()[0]);
+    // A socket opened by a process the scanner already knows is found only
+    // by going through that owner's processes again, remembered holders too.
+    auto c = TestProcess::start({"--listen", "127.0.0.1:0"});
+    ASSERT_TRUE(c);
+    ASSERT_EQ(on(static_cast<uint16_t>(c->ports()[0]), scanner.scan()).size(), 1u);
+    const int own = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in loopback{};
+    loopback.sin_family = AF_INET;
+    loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(own, reinterpret_cast<sockaddr*>(&loopback), sizeof loopback), 0);
+    ASSERT_EQ(::listen(own, 1), 0);
+
     auto rows = scanner.scan();
     EXPECT_EQ(on(portA, rows).size(), 1u);
     EXPECT_EQ(on(portB, rows).size(), 2u);
-
     ::kill(a->pid(), SIGKILL);
     ASSERT_TRUE(a->wait(5));
     rows = scanner.scan();
     EXPECT_TRUE(on(portA, rows).empty());
     EXPECT_EQ(on(portB, rows).size(), 2u);
 
-    // The remembered owners agree with a full, uncached reading. Only this
-    // test's ports count: other tests start and stop listeners meanwhile.
-    auto ours = [&](uint16_t port) { return port == portA || port == portB; };
-    std::set<std::pair<int32_t, uint16_t>> cached, full;
-    for (const auto& r : rows)
-        if (ours(r.port)) cached.insert({r.pid, r.port});
-    for (const auto& s : nemarro::process::ListeningSockets::read()) {
-        auto info = nemarro::process::ProcessReader::bsdInfo(s.pid);
-        if (ours(s.port) && info && !info->isZombie()) full.insert({s.pid, s.port});
-    }
-    EXPECT_EQ(cached, full);
+    // The remembered holders list each descriptor once and agree with a full,
+    // uncached reading. Only this test's processes count: other tests start
+    // and stop listeners meanwhile.
+    const std::set<int32_t> ours{b->pid(), b->children()[0], c->pid(), ::getpid()};
+    auto listed = [&](std::vector<nemarro::process::ListeningSocket> sockets) {
+        std::vector<std::tuple<int32_t, int32_t, uint16_t>> out;
+        for (const auto& s : sockets)
+            if (ours.count(s.pid)) out.emplace_back(s.pid, s.fd, s.port);
+        std::sort(out.begin(), out.end());
+        return out;
+    };
+    auto cached = listed(scanner.environment->listeningSockets());
+    EXPECT_EQ(cached, listed(nemarro::process::ListeningSockets::read()));
+    EXPECT_EQ(cached.size(), 4u);
+    ::close(own);
 }
 
 TEST(LivePorts, UnprivilegedScanShowsRootListenersAsOtherUserRows) {

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <optional>
 #include <thread>
 
 #include "process/identity.h"
@@ -112,6 +114,7 @@ TEST(LiveProcess, ReadsOfARunningHelper) {
     auto usage = ProcessReader::usage(p->pid());
     ASSERT_TRUE(usage);
     EXPECT_GT(usage->footprint, 0u);
+    EXPECT_GT(ProcessReader::footprint(p->pid()), 0u);
 
     // The same process always yields the same start time, close to now.
     auto again = ProcessIdentity::current(p->pid());
@@ -154,6 +157,7 @@ TEST(LiveProcess, ZombieReadsAsZombieAndExitedProcessReadsAbsent) {
     EXPECT_FALSE(ProcessReader::bsdInfo(pid));
     EXPECT_FALSE(ProcessIdentity::current(pid));
     EXPECT_FALSE(ProcessReader::usage(pid));
+    EXPECT_FALSE(ProcessReader::footprint(pid));
     EXPECT_FALSE(ProcessReader::arguments(pid));
     EXPECT_FALSE(ProcessReader::fileDescriptors(pid));
     EXPECT_TRUE(ListeningSockets::read(pid).empty());
@@ -163,6 +167,58 @@ TEST(LiveProcess, AllPidsArePositiveAndIncludeThisProcess) {
     auto pids = ProcessReader::allPIDs();
     EXPECT_TRUE(std::all_of(pids.begin(), pids.end(), [](int32_t p) { return p >= 1; }));
     EXPECT_NE(std::find(pids.begin(), pids.end(), ::getpid()), pids.end());
+}
+
+std::optional<uint64_t> serialOf(int32_t pid) {
+    for (const auto& e : ProcessReader::pidEntries())
+        if (e.pid == pid) return e.serial;
+    return std::nullopt;
+}
+
+/// A child that waits to be killed.
+pid_t pausingChild() {
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::pause();
+        _exit(0);
+    }
+    return pid;
+}
+
+// The port scan trusts an unchanged serial to mean the same process, so a
+// pid given to a new process must show a new one, even within the clock
+// tick that makes both start times equal.
+TEST(LiveProcess, AReusedPidShowsANewSerialAndTheSameProcessKeepsItsSerial) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to choose the next pid";
+    EXPECT_EQ(serialOf(::getpid()), serialOf(::getpid()));
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        const pid_t first = pausingChild();
+        ASSERT_GT(first, 0);
+        const auto serial = serialOf(first);
+        ASSERT_TRUE(serial);
+        ::kill(first, SIGKILL);
+        ::waitpid(first, nullptr, 0);
+        FILE* last = std::fopen("/proc/sys/kernel/ns_last_pid", "w");
+        if (!last) GTEST_SKIP() << "the next pid cannot be chosen here";
+        std::fprintf(last, "%d", first - 1);
+        std::fclose(last);
+        const pid_t second = pausingChild();
+        ASSERT_GT(second, 0);
+        const auto reusedSerial = serialOf(second);
+        ::kill(second, SIGKILL);
+        ::waitpid(second, nullptr, 0);
+        if (second != first) continue;  // another process took the pid first
+        EXPECT_NE(reusedSerial, serial);
+        return;
+    }
+    GTEST_SKIP() << "other processes took the pid every time";
+}
+
+TEST(LiveProcess, ControlGroupsListTheHierarchiesOfThisProcess) {
+    auto groups = ProcessReader::controlGroups(::getpid());
+    ASSERT_TRUE(groups);
+    EXPECT_NE(groups->find(":/"), std::string::npos) << *groups;
+    EXPECT_FALSE(ProcessReader::controlGroups(0));
 }
 
 TEST(LiveSampler, BusyProcessShowsCpuOnTheSecondSample) {

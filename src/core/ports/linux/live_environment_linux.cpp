@@ -1,6 +1,4 @@
 #include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -10,52 +8,36 @@
 
 #include "core/ports/live_environment.h"
 #include "core/ports/port_scanner.h"
-#include "process/linux/procfs.h"
 
 namespace wharfy {
 namespace {
 
 using nemarro::process::BSDInfo;
+using nemarro::process::FileDescriptor;
 using nemarro::process::KernelListener;
+using nemarro::process::ListenerTable;
 using nemarro::process::ListeningSocket;
 using nemarro::process::ListeningSockets;
+using nemarro::process::ProcessIdentity;
 using nemarro::process::ProcessReader;
 
-std::string userName(uint32_t uid) {
+std::optional<std::string> userName(uint32_t uid) {
     std::vector<char> buf(4096);
     passwd pw{};
     passwd* found = nullptr;
     if (::getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) == 0 && found) return found->pw_name;
-    return std::to_string(uid);
-}
-
-/// A distribution's program: a regular file under /usr (not /usr/local),
-/// owned by root and writable by no one else. Linux executables carry no
-/// vendor signature, so ownership is the mark a package leaves.
-bool isDistributionProgram(const std::string& path) {
-    if (!path.starts_with("/usr/") || path.starts_with("/usr/local/")) return false;
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return false;
-    return S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
-
-std::optional<SignatureCache::Stamp> fileStamp(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-    return SignatureCache::Stamp{
-        static_cast<uint64_t>(st.st_size),
-        static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec};
+    return std::nullopt;
 }
 
 /// The Linux machine. Listening sockets are matched to processes through the
 /// socket inodes behind /proc/PID/fd. Walking every descriptor of every
-/// process is what `ss -p` does and costs the most, so the holders of each
-/// listening inode are remembered and only verified on the next scan (same
-/// start time, descriptor still naming the inode). Processes born since the
-/// last scan are always read in full; an inode nobody is known to hold sends
-/// the scan through the processes of the socket owner's uid first, then the
-/// rest. A stale cache can only cost time: every holder is verified before
-/// it is reported.
+/// process is what `ss -p` does and costs the most, so the processes that
+/// hold listening sockets are remembered, by identity, and only their
+/// remembered descriptors are checked again on the next scan. A process not
+/// seen at the last scan (a new pid, or a reused one) is always read in
+/// full; a socket that no holder explains sends the scan through the
+/// processes of the socket owner's uid first, then the rest. A stale memory
+/// can only cost time: every holder is verified before it is reported.
 class LinuxPortEnvironment final : public PortEnvironment {
   public:
     explicit LinuxPortEnvironment(std::shared_ptr<CommandRunner> runner)
@@ -76,32 +58,37 @@ class LinuxPortEnvironment final : public PortEnvironment {
         return ProcessReader::currentDirectory(pid);
     }
     std::optional<uint64_t> footprint(int32_t pid) override {
-        auto usage = ProcessReader::usage(pid);
-        if (!usage) return std::nullopt;
-        return usage->footprint;
+        return ProcessReader::footprint(pid);
     }
 
   private:
-    struct Holder {
-        int32_t pid;
+    /// One listening descriptor of a process.
+    struct Held {
         int32_t fd;
+        uint64_t inode;
+    };
+    using Holders = std::unordered_map<ProcessIdentity, std::vector<Held>>;
+    /// A process as the last scan saw it.
+    struct Seen {
+        uint64_t serial;
         uint64_t startTime;
     };
-    using Holders = std::unordered_map<uint64_t, std::vector<Holder>>;
 
-    void readDescriptors(int32_t pid, const nemarro::process::ListenerTable& table, Holders& found);
+    /// Reads the whole descriptor table of `id`; its listening descriptors
+    /// replace whatever `found` held for it.
+    void readInFull(const ProcessIdentity& id, const ListenerTable& table, Holders& found);
     const std::string& nameOf(uint32_t uid);
 
     std::shared_ptr<CommandRunner> runner_;
     std::vector<char> argumentBuffer_;
     // Across scans.
     Holders holders_;
+    std::unordered_map<int32_t, Seen> seen_;
     std::unordered_set<uint64_t> unheld_;
-    std::unordered_set<int32_t> knownPids_;
-    std::unordered_map<uint32_t, std::string> userNames_;
     // This scan.
     std::vector<KernelListener> table_;
     std::unordered_map<int32_t, std::optional<BSDInfo>> info_;
+    std::unordered_map<uint32_t, std::string> userNames_;
 };
 
 std::optional<BSDInfo> LinuxPortEnvironment::process(int32_t pid) {
@@ -110,115 +97,144 @@ std::optional<BSDInfo> LinuxPortEnvironment::process(int32_t pid) {
     return it->second;
 }
 
-void LinuxPortEnvironment::readDescriptors(int32_t pid,
-                                           const nemarro::process::ListenerTable& table,
-                                           Holders& found) {
-    auto fds = ProcessReader::fileDescriptors(pid);
+void LinuxPortEnvironment::readInFull(const ProcessIdentity& id, const ListenerTable& table,
+                                      Holders& found) {
+    auto fds = ProcessReader::fileDescriptors(id.pid);
     if (!fds) return;
-    std::optional<BSDInfo> info;
-    for (const auto& fd : *fds) {
-        if (fd.type != nemarro::process::FileDescriptor::kSocket || !table.count(fd.socketInode))
-            continue;
-        if (!info) info = process(pid);
-        if (!info) return;
-        found[fd.socketInode].push_back({pid, fd.fd, info->startTime});
-    }
+    std::vector<Held> held;
+    for (const auto& fd : *fds)
+        if (fd.type == FileDescriptor::kSocket && table.count(fd.socketInode))
+            held.push_back({fd.fd, fd.socketInode});
+    if (held.empty())
+        found.erase(id);
+    else
+        found[id] = std::move(held);
 }
 
 std::vector<ListeningSocket> LinuxPortEnvironment::listeningSockets() {
     info_.clear();
+    userNames_.clear();
     table_ = ListeningSockets::table();
     const auto table = ListeningSockets::index(table_);
-    const auto pids = ProcessReader::allPIDs();
+
+    // Who runs now. A pid whose entry has not changed since the last scan is
+    // the process seen then. Any other is read in full, even when its start
+    // time is the one remembered: start times count clock ticks, and a pid
+    // can go to a new process within one.
+    std::vector<ProcessIdentity> running;
+    std::vector<ProcessIdentity> unseen;
+    std::unordered_map<int32_t, Seen> seen;
+    for (const auto& entry : ProcessReader::pidEntries()) {
+        auto before = seen_.find(entry.pid);
+        std::optional<uint64_t> start;
+        if (before != seen_.end() && before->second.serial == entry.serial)
+            start = before->second.startTime;
+        else
+            start = ProcessReader::startTime(entry.pid);
+        if (!start) continue;
+        running.push_back({entry.pid, *start});
+        seen.emplace(entry.pid, Seen{entry.serial, *start});
+        if (before == seen_.end() || before->second.serial != entry.serial)
+            unseen.push_back(running.back());
+    }
+    auto isRunning = [&](const ProcessIdentity& id) {
+        auto it = seen.find(id.pid);
+        return it != seen.end() && it->second.startTime == id.startTime;
+    };
 
     Holders found;
-    // Verify what the cache remembers.
-    for (const auto& [inode, holders] : holders_) {
-        if (!table.count(inode)) continue;
-        for (const auto& h : holders) {
-            auto info = process(h.pid);
-            if (info && info->startTime == h.startTime &&
-                ProcessReader::socketInode(h.pid, h.fd) == inode)
-                found[inode].push_back(h);
-        }
+    // What the last scan found, where the same process still names the same socket.
+    for (const auto& [id, held] : holders_) {
+        if (!isRunning(id)) continue;
+        std::vector<Held> still;
+        for (const auto& h : held)
+            if (table.count(h.inode) && ProcessReader::socketInode(id.pid, h.fd) == h.inode)
+                still.push_back(h);
+        if (!still.empty()) found.emplace(id, std::move(still));
     }
-    // Read every process born since the last scan.
-    std::unordered_set<int32_t> scanned;
-    for (int32_t pid : pids) {
-        if (knownPids_.count(pid)) continue;
-        scanned.insert(pid);
-        readDescriptors(pid, table, found);
+    // Every process the last scan did not see.
+    std::unordered_set<ProcessIdentity> read;
+    for (const auto& id : unseen) {
+        read.insert(id);
+        readInFull(id, table, found);
     }
-    // Sockets that no verified holder explains: the owner's processes first.
+    // Sockets that no holder explains: the owner's processes first.
     auto missingUids = [&] {
+        std::unordered_set<uint64_t> explained;
+        for (const auto& [id, held] : found)
+            for (const auto& h : held)
+                explained.insert(h.inode);
         std::set<uint32_t> uids;
         for (const auto& l : table_)
-            if (!found.count(l.socketID) && !unheld_.count(l.socketID)) uids.insert(l.uid);
+            if (!explained.count(l.socketID) && !unheld_.count(l.socketID)) uids.insert(l.uid);
         return uids;
     };
     if (auto uids = missingUids(); !uids.empty()) {
-        for (int32_t pid : pids) {
-            if (scanned.count(pid)) continue;
-            auto info = process(pid);
+        for (const auto& id : running) {
+            if (read.count(id)) continue;
+            auto info = process(id.pid);
             if (!info || !uids.count(info->uid)) continue;
-            scanned.insert(pid);
-            readDescriptors(pid, table, found);
+            read.insert(id);
+            readInFull(id, table, found);
         }
         if (!missingUids().empty()) {
-            for (int32_t pid : pids) {
-                if (scanned.count(pid)) continue;
-                scanned.insert(pid);
-                readDescriptors(pid, table, found);
-            }
+            for (const auto& id : running)
+                if (read.insert(id).second) readInFull(id, table, found);
         }
     }
 
     // Report in process-table order, each process's sockets in descriptor order.
-    std::unordered_map<int32_t, std::vector<std::pair<int32_t, uint64_t>>> byPid;
-    for (const auto& [inode, holders] : found)
-        for (const auto& h : holders)
-            byPid[h.pid].push_back({h.fd, inode});
     std::vector<ListeningSocket> out;
-    for (int32_t pid : pids) {
-        auto it = byPid.find(pid);
-        if (it == byPid.end()) continue;
-        std::sort(it->second.begin(), it->second.end());
-        for (const auto& [fd, inode] : it->second) {
-            const auto& l = table.at(inode);
-            out.push_back({pid, fd, inode, l.port, l.family, l.addressClass, l.address});
+    std::unordered_set<uint64_t> held;
+    for (const auto& id : running) {
+        auto it = found.find(id);
+        if (it == found.end()) continue;
+        std::sort(it->second.begin(), it->second.end(),
+                  [](const Held& a, const Held& b) { return a.fd < b.fd; });
+        for (const auto& h : it->second) {
+            const auto& l = table.at(h.inode);
+            out.push_back({id.pid, h.fd, h.inode, l.port, l.family, l.addressClass, l.address});
+            held.insert(h.inode);
         }
     }
 
     unheld_.clear();
     for (const auto& l : table_)
-        if (!found.count(l.socketID)) unheld_.insert(l.socketID);
+        if (!held.count(l.socketID)) unheld_.insert(l.socketID);
     holders_ = std::move(found);
-    knownPids_ = std::unordered_set<int32_t>(pids.begin(), pids.end());
+    seen_ = std::move(seen);
     return out;
 }
 
 const std::string& LinuxPortEnvironment::nameOf(uint32_t uid) {
     auto [it, inserted] = userNames_.try_emplace(uid);
-    if (inserted) it->second = userName(uid);
+    if (inserted) it->second = userName(uid).value_or(std::to_string(uid));
     return it->second;
 }
 
 std::vector<NetstatListener> LinuxPortEnvironment::netstatListeners() {
     std::vector<NetstatListener> out;
     for (const auto& l : table_) {
-        if (holders_.count(l.socketID)) continue;
+        if (!unheld_.count(l.socketID)) continue;
         out.push_back({0, "(" + nameOf(l.uid) + ")", l.address, l.port});
     }
     return out;
 }
 
+// Placements are read on demand and parents come from this scan's process
+// facts, so the jobs must not outlive the scan that made them.
 LaunchdJobs LinuxPortEnvironment::launchdJobs() {
-    return LaunchdJobs([](int32_t pid) -> std::optional<std::string> {
-        std::string text;
-        const std::string path = std::to_string(pid) + "/cgroup";
-        if (!nemarro::process::linux::readAll(path.c_str(), text)) return std::nullopt;
-        return SystemdLabels::labelFromCgroup(text);
-    });
+    return LaunchdJobs(
+        [](int32_t pid) -> std::optional<UnitPlacement> {
+            auto text = ProcessReader::controlGroups(pid);
+            if (!text) return std::nullopt;
+            return SystemdLabels::placementFromCgroup(*text);
+        },
+        [this](int32_t pid) -> std::optional<int32_t> {
+            auto info = process(pid);
+            if (!info) return std::nullopt;
+            return info->ppid;
+        });
 }
 
 }  // namespace
@@ -228,29 +244,31 @@ std::unique_ptr<PortEnvironment> makeLivePortEnvironment(std::shared_ptr<Command
 }
 
 std::shared_ptr<const ServiceLabels> platformServiceLabels() {
-    static const auto labels = std::make_shared<const SystemdLabels>();
+    static const auto labels = std::make_shared<const SystemdLabels>(&userName);
     return labels;
 }
 
+// Linux programs carry no vendor signature: the system's own are told by
+// their folder and their unit alone.
 ListenerClassifier makeLiveClassifier(uint32_t uid, const std::string& home,
                                       std::shared_ptr<CommandRunner> runner) {
-    static auto cache = std::make_shared<SignatureCache>(isDistributionProgram, fileStamp);
     auto labels = platformServiceLabels();
-    return ListenerClassifier(
-        uid, home, labels, [](const std::string& path) { return cache->verdict(path); },
-        [labels, runner, uid](const std::string& label) {
-            return labels->keepsAlive(label, uid, *runner);
-        });
+    return ListenerClassifier(uid, home, labels, {},
+                              [labels, runner, uid](const std::string& label) {
+                                  return labels->keepsAlive(label, uid, *runner);
+                              });
 }
 
 std::function<ListenerRole(int32_t, std::optional<uint16_t>)> makeLiveRoleRules(
     uint32_t uid, const std::string& home, std::shared_ptr<CommandRunner> runner) {
-    std::shared_ptr<PortEnvironment> environment = makeLivePortEnvironment(runner);
     auto classifier = std::make_shared<ListenerClassifier>(makeLiveClassifier(uid, home, runner));
-    return [environment, classifier, uid, home](int32_t pid, std::optional<uint16_t> port) {
+    return [runner, classifier, uid, home](int32_t pid, std::optional<uint16_t> port) {
+        // Each question is a refresh of its own: facts kept from an earlier
+        // one may describe a process that has since exited or run another program.
+        LinuxPortEnvironment environment(runner);
         ProjectResolver resolver(home, true, &ProjectResolver::pathExists);
-        PortScanner scanner(*environment, *classifier, std::move(resolver), uid);
-        return scanner.role(pid, port.value_or(0), environment->launchdJobs());
+        PortScanner scanner(environment, *classifier, std::move(resolver), uid);
+        return scanner.role(pid, port.value_or(0), environment.launchdJobs());
     };
 }
 
