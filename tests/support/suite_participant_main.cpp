@@ -25,6 +25,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,26 +40,55 @@ using namespace nemarro::suite_ui;
 using wharfy::app::AsioEventLoop;
 using wharfy::app::EventLoop;
 
-/// The real loop on a faster clock.
+/// The real loop on a faster clock that stands still during each task, so
+/// that a state line carries the very time its evaluation used.
 class ScaledLoop final : public EventLoop {
   public:
     ScaledLoop(AsioEventLoop& inner, double scale, double epoch)
-        : inner_(inner), scale_(scale), epoch_(epoch) {}
-    std::shared_ptr<Mailbox> mailbox() override { return inner_.mailbox(); }
-    void post(Task task) override { inner_.post(std::move(task)); }
+        : inner_(inner),
+          clock_(std::make_shared<Clock>(Clock{&inner, scale, epoch, std::nullopt})),
+          mailbox_(std::make_shared<TurnMailbox>(inner.mailbox(), clock_)) {}
+    std::shared_ptr<Mailbox> mailbox() override { return mailbox_; }
+    void post(Task task) override { inner_.post(turn(clock_, std::move(task))); }
     TimerId after(double seconds, Task task) override {
-        return inner_.after(seconds / scale_, std::move(task));
+        return inner_.after(seconds / clock_->scale, turn(clock_, std::move(task)));
     }
     void cancel(TimerId timer) override { inner_.cancel(timer); }
     void background(Task work) override { inner_.background(std::move(work)); }
-    void watch(int fd, Task ready) override { inner_.watch(fd, std::move(ready)); }
+    void watch(int fd, Task ready) override { inner_.watch(fd, turn(clock_, std::move(ready))); }
     void unwatch(int fd) override { inner_.unwatch(fd); }
-    double now() const override { return epoch_ + (inner_.now() - epoch_) * scale_; }
+    double now() const override { return clock_->now(); }
 
   private:
+    struct Clock {
+        AsioEventLoop* inner;
+        double scale;
+        double epoch;
+        std::optional<double> frozen;
+        double now() const { return frozen ? *frozen : epoch + (inner->now() - epoch) * scale; }
+    };
+    static Task turn(std::shared_ptr<Clock> clock, Task task) {
+        return [clock = std::move(clock), task = std::move(task)] {
+            const auto outer = clock->frozen;
+            clock->frozen = clock->now();
+            task();
+            clock->frozen = outer;
+        };
+    }
+    class TurnMailbox final : public Mailbox {
+      public:
+        TurnMailbox(std::shared_ptr<Mailbox> inner, std::shared_ptr<Clock> clock)
+            : inner_(std::move(inner)), clock_(std::move(clock)) {}
+        void post(Task task) override { inner_->post(turn(clock_, std::move(task))); }
+
+      private:
+        std::shared_ptr<Mailbox> inner_;
+        std::shared_ptr<Clock> clock_;
+    };
+
     AsioEventLoop& inner_;
-    double scale_;
-    double epoch_;
+    std::shared_ptr<Clock> clock_;
+    std::shared_ptr<TurnMailbox> mailbox_;
 };
 
 /// Shows nothing: the state lines tell whether it exists.
@@ -126,12 +157,12 @@ int main(int argc, char** argv) {
     const auto finish = [&] {
         if (finished) return;
         finished = true;
-        asio.unwatch(STDIN_FILENO);
+        loop.unwatch(STDIN_FILENO);
         participant.shutdown();
         asio.stop();
     };
     std::string input;
-    asio.watch(STDIN_FILENO, [&] {
+    loop.watch(STDIN_FILENO, [&] {
         char chunk[256];
         const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof chunk);
         if (n <= 0) return finish();
@@ -144,8 +175,11 @@ int main(int argc, char** argv) {
     });
     asio.onEndingSignal([&](int) { finish(); });
 
-    participant.publish(GlanceLevel::ok, {GlanceMetric{"n", "N", 1.0, "", GlanceLevel::ok}}, 30);
-    printState(loop, participant);
+    loop.post([&] {
+        participant.publish(GlanceLevel::ok, {GlanceMetric{"n", "N", 1.0, "", GlanceLevel::ok}},
+                            30);
+        printState(loop, participant);
+    });
     asio.run();
     return 0;
 }
