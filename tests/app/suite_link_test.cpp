@@ -289,12 +289,12 @@ TEST(SuiteFolderArgument, TheTemporaryRootIsTMPDIRWhenAbsolute) {
         {"", "/tmp"},
         {"relative/tmp", "/tmp"},
         {"/run/user/1/tmp", "/run/user/1/tmp"}};
-    for (const auto& [tmpdir, root] : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(SuiteFolderArgument::temporaryRoot([&](const char* name) {
                       EXPECT_STREQ(name, "TMPDIR");
-                      return tmpdir;
+                      return c.first;
                   }),
-                  root);
+                  c.second);
     }
 }
 
