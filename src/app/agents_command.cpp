@@ -1,8 +1,6 @@
 #include "app/agents_command.h"
 
-#include <chrono>
 #include <cstdio>
-#include <thread>
 
 #include "app/ports_command.h"
 #include "app/terminal_text.h"
@@ -40,27 +38,21 @@ std::string notesText(const AgentSession& s) {
 
 }  // namespace
 
-AgentsReport readAgents(LiveAgentSource& source, const SessionBuilder& builder,
-                        const std::function<void(double seconds)>& sleep, double interval) {
-    AgentMonitor monitor;
-    monitor.ingest(source.sessions(builder), 0.0);
-    sleep(interval);
-    AgentsReport report;
-    report.sessions = source.sessions(builder);
-    monitor.ingest(report.sessions, interval);
-    for (const auto& s : report.sessions)
-        report.statuses.push_back(monitor.status(s.id(), interval));
-    return report;
+AgentStatus AgentsReport::status(const AgentSession& session) const {
+    auto it = statuses.find(session.id());
+    return it == statuses.end() ? AgentStatus{} : it->second;
 }
 
-AgentsReport readAgents(const std::string& home, uint32_t uid) {
-    // Linux never prompts for folder access, so the resolver may look everywhere.
-    SessionBuilder builder(AgentCatalog(home),
-                           ProjectResolver(home, true, &ProjectResolver::pathExists), uid);
-    LiveAgentSource source;
-    return readAgents(source, builder, [](double seconds) {
-        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    });
+AgentsReport AgentsReport::from(const std::vector<AgentSession>& first,
+                                std::vector<AgentSession> second, double interval) {
+    AgentMonitor monitor;
+    monitor.ingest(first, 0.0);
+    monitor.ingest(second, interval);
+    AgentsReport report;
+    for (const auto& s : second)
+        report.statuses[s.id()] = monitor.status(s.id(), interval);
+    report.sessions = std::move(second);
+    return report;
 }
 
 json agentsJson(const std::vector<AgentSession>& sessions) {
@@ -94,9 +86,8 @@ std::string agentsText(const AgentsReport& report, std::optional<size_t> width) 
     if (report.sessions.empty()) return out + "  No agent sessions running.\n";
     TextTable table(
         {"AGENT", "VERSION", "PID", "PROCESSES", "CPU", "MEMORY", "STATE", "PROJECT", "NOTES"});
-    for (size_t i = 0; i < report.sessions.size(); ++i) {
-        const AgentSession& s = report.sessions[i];
-        const AgentStatus status = i < report.statuses.size() ? report.statuses[i] : AgentStatus{};
+    for (const AgentSession& s : report.sessions) {
+        const AgentStatus status = report.status(s);
         table.add({displayName(s.tool), terminalSafe(s.version.value_or("-")),
                    std::to_string(s.root.identity.pid), std::to_string(s.processCount()),
                    s.cpuPercent ? percent(*s.cpuPercent, true) : "-", formatBytes(s.footprint),

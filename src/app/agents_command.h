@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,21 +17,18 @@ namespace wharfy::app {
 /// The agent sessions of one reading, each with its status.
 struct AgentsReport {
     std::vector<AgentSession> sessions;
-    /// One per session, in the same order.
-    std::vector<AgentStatus> statuses;
+    /// Keyed by session id.
+    std::map<std::string, AgentStatus> statuses;
 
     bool operator==(const AgentsReport&) const = default;
+
+    /// The status of `session`; an idle one when there is none.
+    AgentStatus status(const AgentSession& session) const;
+    /// The statuses of two readings `interval` seconds apart, from a monitor
+    /// fed with both; the sessions are the second reading's.
+    static AgentsReport from(const std::vector<AgentSession>& first,
+                             std::vector<AgentSession> second, double interval);
 };
-
-/// Reads the sessions twice, `interval` seconds apart (waiting through
-/// `sleep`), so that the second reading has CPU figures; the statuses come
-/// from a monitor fed with both readings.
-AgentsReport readAgents(LiveAgentSource& source, const SessionBuilder& builder,
-                        const std::function<void(double seconds)>& sleep, double interval = 1.0);
-
-/// The live reading for the user `uid` whose home folder is `home`. Blocks
-/// for about a second.
-AgentsReport readAgents(const std::string& home, uint32_t uid);
 
 /// The object printed by `wharfy --agents-json`: {"sessions": [...]}.
 nlohmann::json agentsJson(const std::vector<AgentSession>& sessions);

@@ -16,6 +16,12 @@ constexpr std::array kOptions{
     OptionSpec{"--export", "PATH",
                "write what is running now to PATH: Markdown, or JSON for a .json name; - for "
                "standard output"},
+    OptionSpec{"--background", "",
+               "keep watching in the background: history, desktop notifications (the systemd "
+               "user unit runs this)"},
+    OptionSpec{"--quit-after", "SECONDS", "with --background: end after SECONDS"},
+    OptionSpec{"--diagnostics", "PATH",
+               "with --background: write timing and memory figures to PATH at the end"},
     OptionSpec{"--suite-folder", "DIR",
                "use DIR, inside the temporary folder, as the suite folder (for tests)"},
     OptionSpec{"--help", "", "show this help and exit", "-h"},

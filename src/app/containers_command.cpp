@@ -40,61 +40,30 @@ std::string portsText(const ContainerInfo& c) {
 
 }  // namespace
 
-RuntimeReport readRuntime(const RuntimeInfo& runtime, ContainerService* service) {
-    RuntimeReport report{runtime,      {},
-                         std::nullopt, VMDiskMeter::measure(runtime.diskImagePaths),
-                         std::nullopt, std::nullopt};
-    if (!runtime.isMeasurable() || service == nullptr) return report;
-    auto containers = service->containers();
-    if (!containers) {
-        report.error = "Could not read the runtime (" + containers.error().description() + ").";
-        return report;
-    }
-    report.containers = std::move(containers).value();
-    auto sizes = service->sizes(false);
-    if (!sizes) {
-        report.sizesError = "Could not read sizes (" + sizes.error().description() + ").";
-        return report;
-    }
-    report.sizes = std::move(sizes).value();
-    return report;
-}
-
-std::vector<RuntimeReport> readRuntimes(const std::string& home,
-                                        const std::optional<std::string>& xdgRuntimeDir,
-                                        std::optional<std::chrono::milliseconds> budget) {
-    using Clock = UnixSocketTransport::Clock;
-    const auto start = Clock::now();
-    std::optional<Clock::time_point> notAfter;
-    if (budget) notAfter = start + *budget;
-    // Every ping shares one deadline, whichever thread sends it.
-    auto pingsEnd = start + std::chrono::seconds(DetectorFileSystem::kProbeTimeoutSeconds);
-    if (notAfter) pingsEnd = std::min(pingsEnd, *notAfter);
-    auto fileSystem = std::make_shared<LiveDetectorFileSystem>(pingsEnd);
-    RuntimeDetector detector(home, xdgRuntimeDir, fileSystem);
-    const auto candidates = detector.candidates();
-
-    // Each socket is pinged and, if it answered, read on its own thread, so
-    // that one engine's silence never holds back another's containers.
+std::vector<RuntimeReport> readRuntimes(MachineReader& reader) {
+    const auto candidates = reader.findRuntimes();
+    // Each runtime is asked and read on its own thread, so that one engine's
+    // silence never holds back another's containers.
     std::vector<RuntimeReport> reports(candidates.size());
     auto read = [&](size_t i) {
-        const RuntimeCandidate& candidate = candidates[i];
-        const auto answer =
-            candidate.probe ? fileSystem->ping({*candidate.probe}).front() : SocketAnswer::refused;
-        const RuntimeInfo runtime = RuntimeDetector::settled(candidate, answer);
-        if (!runtime.isMeasurable()) {
-            reports[i] = readRuntime(runtime, nullptr);
+        RuntimeReading reading = reader.readRuntime(candidates[i]);
+        RuntimeReport& report = reports[i];
+        report.runtime = std::move(reading.runtime);
+        report.diskFiles = std::move(reading.diskFiles);
+        if (!report.runtime.isMeasurable()) return;
+        if (reading.error) {
+            report.error = "Could not read the runtime (" + *reading.error + ").";
             return;
         }
-        auto service = ContainerService::forSocket(*runtime.socketPath, notAfter);
-        reports[i] = readRuntime(runtime, service.get());
+        report.containers = std::move(reading.containers);
+        auto sizes = reader.readSizes(report.runtime, false);
+        if (sizes)
+            report.sizes = std::move(sizes).value();
+        else
+            report.sizesError = "Could not read sizes (" + sizes.error() + ").";
     };
     std::vector<std::thread> threads;
     for (size_t i = 0; i < candidates.size(); ++i) {
-        if (!candidates[i].probe) {
-            read(i);
-            continue;
-        }
         try {
             threads.emplace_back(read, i);
         } catch (const std::system_error&) {

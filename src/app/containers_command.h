@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "app/model/machine_reader.h"
 #include "core/containers/container_service.h"
 #include "core/containers/runtime_detector.h"
 
@@ -28,20 +29,14 @@ struct RuntimeReport {
     bool operator==(const RuntimeReport&) const = default;
 };
 
-/// Reads one runtime: containers and sizes through `service` when it is
-/// measurable, and its disk images in any case.
-RuntimeReport readRuntime(const RuntimeInfo& runtime, ContainerService* service);
-
 /// What the one-shot report gives the engines in all; past it, a runtime
 /// still being read is reported as not having answered in time.
 inline constexpr std::chrono::milliseconds kReportEngineBudget{3000};
 
-/// Detects the runtimes of `home` and reads each one, every engine at the
-/// same time: a runtime is read as soon as its own socket answered. Pings
-/// share one 3 s deadline; with `budget`, nothing lasts longer than it.
-std::vector<RuntimeReport> readRuntimes(
-    const std::string& home, const std::optional<std::string>& xdgRuntimeDir,
-    std::optional<std::chrono::milliseconds> budget = std::nullopt);
+/// Asks every runtime `reader` finds, each on its own thread, for its
+/// containers and disk use: a runtime is read as soon as its own socket
+/// answered, whatever the others do.
+std::vector<RuntimeReport> readRuntimes(MachineReader& reader);
 
 /// The object printed by `wharfy --containers-json`: {"runtimes": [...]},
 /// each with its "state" ("running", "notRunning", "notAnswering",

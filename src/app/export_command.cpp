@@ -11,6 +11,7 @@
 #include <future>
 #include <system_error>
 
+#include "app/machine_report.h"
 #include "app/terminal_text.h"
 #include "core/containers/port_container_mapper.h"
 #include "core/history/alert_engine.h"
@@ -41,9 +42,8 @@ ExportSnapshot exportSnapshot(double now, const std::vector<PortRow>& rows,
         snapshot.runtimes.push_back(runtimeEntry(r.runtime.displayName, r.containers,
                                                  occupiedBytes(r.runtime, usage, r.diskFiles)));
     }
-    for (size_t i = 0; i < agents.sessions.size(); ++i)
-        snapshot.agents.push_back(agentEntry(
-            agents.sessions[i], i < agents.statuses.size() ? agents.statuses[i] : AgentStatus{}));
+    for (const auto& session : agents.sessions)
+        snapshot.agents.push_back(agentEntry(session, agents.status(session)));
     return snapshot;
 }
 
@@ -52,25 +52,15 @@ std::string exportFailure(const FileError& error) {
            ").";
 }
 
-int exportCommand(const UserContext& user, const std::optional<std::string>& path,
-                  const std::optional<std::string>& xdgRuntimeDir) {
-    if (!path || path->empty()) {
-        std::fputs("wharfy: --export needs a file path, or - for standard output.\n", stderr);
-        return 2;
-    }
-    // The engines and the agents' CPU sample are slow; they run side by side.
-    auto runtimes =
-        std::async(std::launch::async, [&] { return readRuntimes(user.home, xdgRuntimeDir); });
-    auto agents = std::async(std::launch::async, [&] { return readAgents(user.home, user.uid); });
-    auto rows = scanPorts(user);
-    const auto reports = runtimes.get();
-    rows = PortContainerMapper::attach(rows, allContainers(reports));
+int exportCommand(MachineReader& reader, const std::string& path) {
+    const MachineReport report = readMachine(reader, true, &sleepSeconds);
     const double now =
         std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-    const ExportSnapshot snapshot = exportSnapshot(now, rows, reports, agents.get());
+    const ExportSnapshot snapshot =
+        exportSnapshot(now, report.ports, report.runtimes, report.agents);
 
     const ExportRenderer renderer(&localeDateText);
-    if (*path == "-") {
+    if (path == "-") {
         const std::string text = renderer.markdown(snapshot) + "\n";
         if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
             std::fflush(stdout) != 0) {
@@ -79,10 +69,10 @@ int exportCommand(const UserContext& user, const std::optional<std::string>& pat
         }
         return 0;
     }
-    const std::string bytes = exportFormat(*path) == ExportFormat::json
+    const std::string bytes = exportFormat(path) == ExportFormat::json
                                   ? renderer.json(snapshot)
                                   : renderer.markdown(snapshot) + "\n";
-    if (auto written = writePrivateFile(*path, bytes, FolderPolicy::mustExist); !written) {
+    if (auto written = writePrivateFile(path, bytes, FolderPolicy::mustExist); !written) {
         std::fprintf(stderr, "wharfy: %s\n", exportFailure(written.error()).c_str());
         return 1;
     }

@@ -33,8 +33,7 @@ std::string exportFailure(const FileError& error);
 
 /// `wharfy --export PATH`: reads what is running and writes the report to
 /// PATH ("-" for standard output). 0 when written; otherwise one line on
-/// standard error and 1 (2 when PATH is missing).
-int exportCommand(const UserContext& user, const std::optional<std::string>& path,
-                  const std::optional<std::string>& xdgRuntimeDir);
+/// standard error and 1.
+int exportCommand(MachineReader& reader, const std::string& path);
 
 }  // namespace wharfy::app

@@ -1,46 +1,27 @@
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "app/agents_command.h"
+#include "app/background.h"
 #include "app/command_line.h"
 #include "app/containers_command.h"
 #include "app/export_command.h"
 #include "app/history_command.h"
+#include "app/live_parts.h"
+#include "app/machine_report.h"
+#include "app/model/live_machine_reader.h"
 #include "app/ports_command.h"
 #include "app/suite_json_command.h"
 #include "app/suite_link.h"
 #include "app/terminal_text.h"
-#include "core/containers/port_container_mapper.h"
-#include "process/process_sampler.h"
 
 namespace {
 
 using namespace wharfy;
 using namespace wharfy::app;
-
-std::optional<std::string> xdgRuntimeDir() {
-    if (const char* dir = std::getenv("XDG_RUNTIME_DIR"); dir && *dir) return std::string(dir);
-    return std::nullopt;
-}
-
-/// CPU of every process over one second: two samples of the whole table.
-CpuByProcess sampleCpu() {
-    using namespace nemarro::process;
-    ProcessSampler sampler(std::make_unique<LiveProcessSource>(), TickClock::current(),
-                           &ProcessSampler::monotonicNow);
-    sampler.sample();
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    CpuByProcess cpu;
-    for (const auto& p : sampler.sample().processes)
-        if (p.cpuPercent) cpu[p.identity] = *p.cpuPercent;
-    return cpu;
-}
 
 double secondsSince1970() {
     using namespace std::chrono;
@@ -53,21 +34,16 @@ int emit(const nlohmann::json& value) {
     return 0;  // headless commands always succeed
 }
 
-/// Everything at once, as readable tables. The engines and the agent
-/// sampling are slow, so they run while the CPU sample is taken.
+/// Everything at once, as readable tables. The engines are read while the
+/// CPU figures are taken, within one budget for them all.
 int printAll(const UserContext& user) {
-    auto runtimes = std::async(std::launch::async, [&] {
-        return readRuntimes(user.home, xdgRuntimeDir(), kReportEngineBudget);
-    });
-    auto agents = std::async(std::launch::async, [&] { return readAgents(user.home, user.uid); });
-    const auto cpu = sampleCpu();
-    const auto reports = runtimes.get();
-    const auto rows = PortContainerMapper::attach(scanPorts(user, cpu), allContainers(reports));
-
+    LiveMachineReader reader(user.uid, user.home, xdgRuntimeDir(),
+                             UnixSocketTransport::Clock::now() + kReportEngineBudget);
+    const MachineReport report = readMachine(reader, true, &sleepSeconds);
     const auto width = outputWidth();
-    std::string out = "Listening ports\n" + portsText(rows, width, user.uid == 0);
-    out += "\n" + containersText(reports);
-    out += "\n" + agentsText(agents.get(), width);
+    std::string out = "Listening ports\n" + portsText(report.ports, width, user.uid == 0);
+    out += "\n" + containersText(report.runtimes);
+    out += "\n" + agentsText(report.agents, width);
     std::fputs(out.c_str(), stdout);
     return 0;
 }
@@ -95,15 +71,23 @@ int main(int argc, char** argv) {
         return 0;
     }
     const auto user = UserContext::current();
-    if (hasOption("--ports-json", args)) return emit(portsJson(scanPorts(user)));
-    if (hasOption("--containers-json", args))
-        return emit(containersJson(readRuntimes(user.home, xdgRuntimeDir())));
-    if (hasOption("--agents-json", args))
-        return emit(agentsJson(readAgents(user.home, user.uid).sessions));
+    auto reader = [&] { return LiveMachineReader(user.uid, user.home, xdgRuntimeDir()); };
+    if (hasOption("--ports-json", args)) return emit(portsJson(reader().readProcesses().ports));
+    if (hasOption("--containers-json", args)) {
+        auto live = reader();
+        return emit(containersJson(readRuntimes(live)));
+    }
+    if (hasOption("--agents-json", args)) {
+        auto live = reader();
+        return emit(agentsJson(readMachine(live, false, &sleepSeconds).agents.sessions));
+    }
     if (hasOption("--history-json", args)) return emit(historyJson(user));
     if (hasOption("--suite-json", args))
         return emit(suiteJson(suiteFolders.value().folders, secondsSince1970()));
-    if (hasOption("--export", args))
-        return exportCommand(user, valueAfter("--export", args).value_or(""), xdgRuntimeDir());
+    if (hasOption("--export", args)) {
+        auto live = reader();
+        return exportCommand(live, valueAfter("--export", args).value_or("-"));
+    }
+    if (hasOption("--background", args)) return runBackground(user, LaunchOptions(args));
     return printAll(user);
 }

@@ -27,16 +27,6 @@ UserContext UserContext::current() {
     return user;
 }
 
-std::vector<PortRow> scanPorts(const UserContext& user, const CpuByProcess& cpu) {
-    auto runner = std::make_shared<SystemCommandRunner>(10.0);
-    auto environment = makeLivePortEnvironment(runner);
-    auto classifier = makeLiveClassifier(user.uid, user.home, runner);
-    // Linux has no folder-access prompts, so every folder may be probed.
-    ProjectResolver resolver(user.home, /*hasFullDiskAccess=*/true, &ProjectResolver::pathExists);
-    PortScanner scanner(*environment, classifier, std::move(resolver), user.uid);
-    return scanner.scan(cpu);
-}
-
 std::string jsonRole(const PortRow& row) {
     if (row.role.is<ListenerRole::PlainProcess>() && !row.isOwnedByUser) return "otherUser";
     return row.role.rawValue();

@@ -18,9 +18,6 @@ struct UserContext {
     static UserContext current();
 };
 
-/// One scan of the listening ports of this machine.
-std::vector<PortRow> scanPorts(const UserContext& user, const CpuByProcess& cpu = {});
-
 /// {"ports": [...]} with the keys port, pid, name, owned, addresses,
 /// addressClass and role for each row.
 nlohmann::json portsJson(const std::vector<PortRow>& rows);

@@ -158,6 +158,14 @@ std::optional<std::string> SettingsPreferences::setFlag(std::string_view key, bo
     return written.error().message();
 }
 
+nemarro::suite_ui::ParticipantSystem SuiteLink::liveSystem(
+    EventLoop& loop, std::function<void(const std::string&)> log) {
+    return nemarro::suite_ui::ParticipantSystem::live(
+        loop, [log = std::move(log)](const std::string& message) {
+            if (log) log(kLogPrefix + message);
+        });
+}
+
 SuiteLink::SuiteLink(EventLoop& loop, AppModel& model, SuiteLinkParts parts)
     : loop_(loop), model_(model), diagnostics_(std::move(parts.diagnostics)) {
     ParticipantParts participant;

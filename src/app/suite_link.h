@@ -117,7 +117,7 @@ struct SuiteLinkParts {
     std::function<void(const std::string&)> log;
     /// Told whether this app hosts; may be null.
     std::shared_ptr<Diagnostics> diagnostics;
-    /// The machine as the participant reaches it (ParticipantSystem::live).
+    /// The machine as the participant reaches it (SuiteLink::liveSystem).
     nemarro::suite_ui::ParticipantSystem system;
 };
 
@@ -134,6 +134,11 @@ class SuiteLink {
     static constexpr double kStaleAfter = 150;
     /// The subsystem and category the suite's messages are logged under.
     static constexpr const char* kLogPrefix = "com.nemarro.suite participant: ";
+
+    /// The machine as the participant reaches it, with its messages logged
+    /// like the participant's own.
+    static nemarro::suite_ui::ParticipantSystem liveSystem(
+        EventLoop& loop, std::function<void(const std::string&)> log);
 
     /// Creates the participant for "wharfy" (which joins the suite at once).
     SuiteLink(EventLoop& loop, AppModel& model, SuiteLinkParts parts);

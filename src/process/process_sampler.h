@@ -62,6 +62,37 @@ class LiveProcessSource final : public ProcessSource {
     std::optional<ProcessFacts> last_;
 };
 
+/// ProcessSource for a process that samples every few seconds for hours: per
+/// process, one read of /proc/PID/stat and its owner. The executable path and
+/// the full name are kept per process (identity and kernel name, so an exec
+/// is noticed) and forgotten once it is gone. Memory footprints and disk
+/// counters are not read (footprint 0, disk absent): ask
+/// `ProcessReader::footprint` for the few processes that need one.
+class LiveTableSource final : public ProcessSource {
+  public:
+    std::vector<int32_t> allPIDs() override;
+    std::optional<ProcessIdentity> identity(int32_t pid) override;
+    std::optional<RawUsage> usage(int32_t pid) override;
+
+  private:
+    struct Known {
+        std::string comm;
+        std::string name;
+        std::optional<std::string> path;
+    };
+    struct Stat {
+        int32_t pid = 0;
+        std::string comm;
+        int32_t ppid = 0;
+        uint64_t cpuTicks = 0;
+        ProcessIdentity identity;
+    };
+    std::optional<Stat> last_;
+    /// What the previous sample learnt, and what this one has confirmed.
+    std::unordered_map<ProcessIdentity, Known> known_;
+    std::unordered_map<ProcessIdentity, Known> seen_;
+};
+
 /// Turns two successive readings of every process into CPU and disk rates.
 class ProcessSampler {
   public:

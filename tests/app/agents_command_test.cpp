@@ -42,7 +42,9 @@ TEST(AgentsCommandTest, JsonHasEveryKeyWithNullForWhatIsUnknown) {
 
 TEST(AgentsCommandTest, TextTableEscapesMachineTextAndShowsState) {
     const AgentStatus runaway{12.5, {}, true, RunawayReason{RunawayReason::Memory{5'200'000'000}}};
-    const std::string text = agentsText({sessions(), {runaway, AgentStatus{}}});
+    const auto all = sessions();
+    // Keyed by session id: the second session's missing status reads idle.
+    const std::string text = agentsText({all, {{all[0].id(), runaway}}});
     EXPECT_EQ(text.find_first_of("\x1b\x07"), std::string::npos) << text;
     for (const char* expected : {"Claude Code  2.0.14   812  3          12.5%  5.2 GB",
                                  "runaway: memory 5.2 GB  \\e[31mapp (git)",

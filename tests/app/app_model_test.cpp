@@ -27,13 +27,13 @@ PortRow row(uint16_t port, const char* name, AddressClass reach = AddressClass::
     return r;
 }
 
-RuntimeInfo runtime(const char* context) {
+RuntimeCandidate runtime(const char* context) {
     RuntimeInfo info;
     info.kind.value = RuntimeKind::Context{context};
     info.displayName = context;
     info.socketPath = std::string("/run/") + context + ".sock";
     info.status = RuntimeStatus::running;
-    return info;
+    return {info, info.socketPath};
 }
 
 ContainerInfo container(const char* name, bool running) {
@@ -86,8 +86,8 @@ struct ModelTest : ::testing::Test {
 TEST_F(ModelTest, PortsArePublishedBeforeASlowEngineAnswers) {
     reader->processes.ports = {row(8080, "web", AddressClass::allNetworks)};
     reader->runtimes = {runtime("slow"), runtime("quick")};
-    reader->runtimeReadings["context(name: \"quick\")"] = {{container("q", true)}, {}, {}};
-    reader->runtimeReadings["context(name: \"slow\")"] = {{}, {}, "the engine did not answer"};
+    reader->runtimeReadings["context(name: \"quick\")"] = {{}, {container("q", true)}, {}, {}};
+    reader->runtimeReadings["context(name: \"slow\")"] = {{}, {}, {}, "the engine did not answer"};
     reader->hold("context(name: \"slow\")");
     auto model = make();
     int counts = 0;

@@ -18,7 +18,8 @@ namespace wharfy::testing {
 class FakeMachineReader final : public app::MachineReader {
   public:
     app::ProcessReading processes;
-    std::vector<RuntimeInfo> runtimes;
+    /// Found in this order; each answers as its `runtime` says.
+    std::vector<RuntimeCandidate> runtimes;
     std::map<std::string, app::RuntimeReading> runtimeReadings;
     std::map<std::string, Result<CachedSizes, std::string>> sizeReadings;
 
@@ -27,17 +28,20 @@ class FakeMachineReader final : public app::MachineReader {
         calls_.push_back("processes");
         return processes;
     }
-    std::vector<RuntimeInfo> detectRuntimes() override {
+    std::vector<RuntimeCandidate> findRuntimes() override {
         std::lock_guard lock(mutex_);
-        calls_.push_back("detect");
+        calls_.push_back("find");
         return runtimes;
     }
-    app::RuntimeReading readRuntime(const RuntimeInfo& runtime) override {
+    app::RuntimeReading readRuntime(const RuntimeCandidate& candidate) override {
         std::unique_lock lock(mutex_);
-        calls_.push_back("runtime " + runtime.id());
-        released_.wait(lock, [&] { return !held_.contains(runtime.id()); });
-        auto it = runtimeReadings.find(runtime.id());
-        return it == runtimeReadings.end() ? app::RuntimeReading{} : it->second;
+        const std::string id = candidate.runtime.id();
+        calls_.push_back("runtime " + id);
+        released_.wait(lock, [&] { return !held_.contains(id); });
+        auto it = runtimeReadings.find(id);
+        app::RuntimeReading reading = it == runtimeReadings.end() ? app::RuntimeReading{} : it->second;
+        reading.runtime = candidate.runtime;
+        return reading;
     }
     Result<CachedSizes, std::string> readSizes(const RuntimeInfo& runtime,
                                                bool afterChange) override {

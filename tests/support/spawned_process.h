@@ -25,6 +25,9 @@ class SpawnedProcess {
     SpawnedProcess& operator=(const SpawnedProcess&) = delete;
 
     pid_t pid() const { return pid_; }
+    /// Waits up to `seconds` for the program to end: its exit status (128 + N
+    /// after signal N), or absent while it still runs.
+    std::optional<int> waitExit(double seconds);
     /// The next line of standard output, without its newline; absent at the end
     /// of output or after `seconds`.
     std::optional<std::string> readLine(double seconds);

@@ -36,7 +36,8 @@ struct AsioEventLoop::Watch {
 AsioEventLoop::AsioEventLoop()
     : guard_(asio::make_work_guard(io_)),
       mailbox_(std::make_shared<AsioMailbox>(&io_)),
-      signals_(io_) {}
+      signals_(io_),
+      refreshSignals_(io_) {}
 
 AsioEventLoop::~AsioEventLoop() {
     mailbox_->close();
@@ -94,6 +95,20 @@ void AsioEventLoop::onEndingSignal(std::function<void(int)> handler) {
         }
     };
     signals_.async_wait(Wait{this});
+}
+
+void AsioEventLoop::onRefreshSignal(std::function<void()> handler) {
+    refreshHandler_ = std::move(handler);
+    refreshSignals_.add(SIGUSR1);
+    struct Wait {
+        AsioEventLoop* loop;
+        void operator()(const asio::error_code& error, int) const {
+            if (error) return;
+            if (loop->refreshHandler_) loop->refreshHandler_();
+            loop->refreshSignals_.async_wait(*this);
+        }
+    };
+    refreshSignals_.async_wait(Wait{this});
 }
 
 void AsioEventLoop::watch(int fd, Task ready) {

@@ -30,6 +30,8 @@ class AsioEventLoop final : public EventLoop {
 
     /// Calls `handler` on the loop when SIGTERM, SIGINT or SIGHUP arrives.
     void onEndingSignal(std::function<void(int signal)> handler);
+    /// Calls `handler` on the loop each time SIGUSR1 arrives: "refresh now".
+    void onRefreshSignal(std::function<void()> handler);
     void watch(int fd, Task ready) override;
     void unwatch(int fd) override;
 
@@ -51,6 +53,8 @@ class AsioEventLoop final : public EventLoop {
     std::shared_ptr<AsioMailbox> mailbox_;
     asio::signal_set signals_;
     std::function<void(int)> signalHandler_;
+    asio::signal_set refreshSignals_;
+    std::function<void()> refreshHandler_;
     std::map<TimerId, std::unique_ptr<asio::steady_timer>> timers_;
     std::map<int, std::shared_ptr<Watch>> watches_;
     TimerId nextTimer_ = 1;

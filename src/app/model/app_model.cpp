@@ -147,8 +147,8 @@ void AppModel::refresh() {
         loop_, alive_, [reader = parts_.reader] { return reader->readProcesses(); },
         [this, tick](ProcessReading reading) { onProcesses(tick, std::move(reading)); });
     runInBackground(
-        loop_, alive_, [reader = parts_.reader] { return reader->detectRuntimes(); },
-        [this, tick](std::vector<RuntimeInfo> found) { onDetected(tick, std::move(found)); });
+        loop_, alive_, [reader = parts_.reader] { return reader->findRuntimes(); },
+        [this, tick](std::vector<RuntimeCandidate> found) { onFound(tick, std::move(found)); });
 }
 
 std::vector<PortRow> AppModel::attached(std::vector<PortRow> rows) const {
@@ -177,16 +177,19 @@ void AppModel::onProcesses(const std::shared_ptr<Tick>& tick, ProcessReading rea
     if (tick->runtimesRead) finishTick(tick);
 }
 
-void AppModel::onDetected(const std::shared_ptr<Tick>& tick, std::vector<RuntimeInfo> found) {
-    // The runtimes found now, each with what is known of it from before,
-    // until its own read answers.
+void AppModel::onFound(const std::shared_ptr<Tick>& tick, std::vector<RuntimeCandidate> found) {
+    // The runtimes found now, each as it was last seen, until its own read
+    // answers; a new one is not running until its socket says otherwise.
     std::vector<RuntimeState> runtimes;
-    for (auto& info : found) {
+    for (const auto& candidate : found) {
         RuntimeState state;
-        auto previous = std::find_if(runtimes_.begin(), runtimes_.end(),
-                                     [&](const auto& r) { return r.info.id() == info.id(); });
-        if (previous != runtimes_.end()) state = std::move(*previous);
-        state.info = std::move(info);
+        auto previous = std::find_if(runtimes_.begin(), runtimes_.end(), [&](const auto& r) {
+            return r.info.id() == candidate.runtime.id();
+        });
+        if (previous != runtimes_.end())
+            state = std::move(*previous);
+        else
+            state.info = candidate.runtime;
         runtimes.push_back(std::move(state));
     }
     runtimes_ = std::move(runtimes);
@@ -197,14 +200,15 @@ void AppModel::onDetected(const std::shared_ptr<Tick>& tick, std::vector<Runtime
     for (size_t i = 0; i < runtimes_.size(); ++i)
         runInBackground(
             loop_, alive_,
-            [reader = parts_.reader, info = runtimes_[i].info] {
-                return reader->readRuntime(info);
+            [reader = parts_.reader, candidate = found[i]] {
+                return reader->readRuntime(candidate);
             },
             [this, tick, i](RuntimeReading read) { onRuntime(tick, i, std::move(read)); });
 }
 
 void AppModel::onRuntime(const std::shared_ptr<Tick>& tick, size_t index, RuntimeReading reading) {
     RuntimeState& state = runtimes_[index];
+    state.info = std::move(reading.runtime);
     state.diskFiles = std::move(reading.diskFiles);
     state.macDiskBytes.reset();
     for (const auto& file : state.diskFiles)

@@ -231,7 +231,7 @@ class AppModel {
 
     void scheduleNext();
     void onProcesses(const std::shared_ptr<Tick>& tick, ProcessReading reading);
-    void onDetected(const std::shared_ptr<Tick>& tick, std::vector<RuntimeInfo> found);
+    void onFound(const std::shared_ptr<Tick>& tick, std::vector<RuntimeCandidate> found);
     void runtimesRead(const std::shared_ptr<Tick>& tick);
     void onRuntime(const std::shared_ptr<Tick>& tick, size_t index, RuntimeReading reading);
     void finishTick(const std::shared_ptr<Tick>& tick);

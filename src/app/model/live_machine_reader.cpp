@@ -11,7 +11,7 @@
 
 namespace wharfy::app {
 
-using nemarro::process::LiveProcessSource;
+using nemarro::process::LiveTableSource;
 using nemarro::process::ProcessReader;
 using nemarro::process::ProcessSampler;
 using nemarro::process::TickClock;
@@ -26,15 +26,18 @@ std::shared_ptr<CommandRunner> toolRunner() {
 }  // namespace
 
 LiveMachineReader::LiveMachineReader(uint32_t uid, std::string home,
-                                     std::optional<std::string> xdgRuntimeDir)
+                                     std::optional<std::string> xdgRuntimeDir,
+                                     std::optional<UnixSocketTransport::Clock::time_point> notAfter)
     : uid_(uid),
       home_(std::move(home)),
       xdgRuntimeDir_(std::move(xdgRuntimeDir)),
-      sampler_(std::make_unique<LiveProcessSource>(), TickClock::current(),
+      notAfter_(notAfter),
+      sampler_(std::make_unique<LiveTableSource>(), TickClock::current(),
                &ProcessSampler::monotonicNow),
       environment_(makeLivePortEnvironment(toolRunner())),
       classifier_(makeLiveClassifier(uid_, home_, toolRunner())),
-      detector_(home_, xdgRuntimeDir_, std::make_shared<LiveDetectorFileSystem>()),
+      files_(std::make_shared<LiveDetectorFileSystem>(notAfter_)),
+      detector_(home_, xdgRuntimeDir_, files_),
       // Linux never asks before a folder is read, so projects may be looked up anywhere.
       sessions_(AgentCatalog(home_), ProjectResolver(home_, true, &ProjectResolver::pathExists),
                 uid_) {}
@@ -55,16 +58,25 @@ ProcessReading LiveMachineReader::readProcesses() {
         sample.processes,
         [this](int32_t pid) { return ProcessReader::arguments(pid, argumentBuffer_); },
         [](int32_t pid) { return ProcessReader::currentDirectory(pid); });
+    // The table is read without memory figures; only the few processes of a
+    // session need theirs.
+    for (auto& session : reading.sessions) {
+        session.footprint = ProcessReader::footprint(session.root.identity.pid).value_or(0);
+        for (auto& child : session.children) {
+            child.footprint = ProcessReader::footprint(child.identity.pid).value_or(0);
+            session.footprint += child.footprint;
+        }
+    }
     return reading;
 }
 
-std::vector<RuntimeInfo> LiveMachineReader::detectRuntimes() {
-    auto runtimes = detector_.detect();
+std::vector<RuntimeCandidate> LiveMachineReader::findRuntimes() {
+    auto runtimes = detector_.candidates();
     // Services of runtimes that are gone are let go, so that none is kept
     // for a context the user deleted long ago.
     std::set<std::string> present;
     for (const auto& r : runtimes)
-        present.insert(r.id());
+        present.insert(r.runtime.id());
     std::lock_guard lock(servicesMutex_);
     std::erase_if(services_, [&](const auto& entry) { return !present.contains(entry.first); });
     return runtimes;
@@ -76,12 +88,16 @@ std::shared_ptr<ContainerService> LiveMachineReader::service(const RuntimeInfo& 
     // A runtime whose socket moved gets a new service: the old one's API
     // version and sizes belong to another engine.
     if (!slot.service || slot.socketPath != *runtime.socketPath)
-        slot = {*runtime.socketPath, ContainerService::forSocket(*runtime.socketPath)};
+        slot = {*runtime.socketPath, ContainerService::forSocket(*runtime.socketPath, notAfter_)};
     return slot.service;
 }
 
-RuntimeReading LiveMachineReader::readRuntime(const RuntimeInfo& runtime) {
+RuntimeReading LiveMachineReader::readRuntime(const RuntimeCandidate& candidate) {
     RuntimeReading reading;
+    const auto answer =
+        candidate.probe ? files_->ping({*candidate.probe}).front() : SocketAnswer::refused;
+    reading.runtime = RuntimeDetector::settled(candidate, answer);
+    const RuntimeInfo& runtime = reading.runtime;
     reading.diskFiles = VMDiskMeter::measure(runtime.diskImagePaths);
     if (!runtime.isMeasurable()) return reading;
     auto containers = service(runtime)->containers();

@@ -20,12 +20,16 @@ namespace wharfy::app {
 /// and the disk-usage cache live there).
 class LiveMachineReader final : public MachineReader {
   public:
-    LiveMachineReader(uint32_t uid, std::string home, std::optional<std::string> xdgRuntimeDir);
+    /// With `notAfter`, no engine request lasts past it (the one-shot
+    /// report's budget); a long-lived reader has none.
+    LiveMachineReader(
+        uint32_t uid, std::string home, std::optional<std::string> xdgRuntimeDir,
+        std::optional<UnixSocketTransport::Clock::time_point> notAfter = std::nullopt);
     ~LiveMachineReader() override;
 
     ProcessReading readProcesses() override;
-    std::vector<RuntimeInfo> detectRuntimes() override;
-    RuntimeReading readRuntime(const RuntimeInfo& runtime) override;
+    std::vector<RuntimeCandidate> findRuntimes() override;
+    RuntimeReading readRuntime(const RuntimeCandidate& candidate) override;
     Result<CachedSizes, std::string> readSizes(const RuntimeInfo& runtime,
                                                bool afterChange) override;
 
@@ -35,9 +39,11 @@ class LiveMachineReader final : public MachineReader {
     uint32_t uid_;
     std::string home_;
     std::optional<std::string> xdgRuntimeDir_;
+    std::optional<UnixSocketTransport::Clock::time_point> notAfter_;
     nemarro::process::ProcessSampler sampler_;
     std::unique_ptr<PortEnvironment> environment_;
     ListenerClassifier classifier_;
+    std::shared_ptr<LiveDetectorFileSystem> files_;
     RuntimeDetector detector_;
     SessionBuilder sessions_;
     std::vector<char> argumentBuffer_;

@@ -23,6 +23,9 @@ struct ProcessReading {
 
 /// What one refresh reads of one runtime.
 struct RuntimeReading {
+    /// The runtime as its socket's answer showed it: running, not running,
+    /// not answering, or not ours to use.
+    RuntimeInfo runtime;
     std::vector<ContainerInfo> containers;
     /// The runtime's disk images on this computer, measured.
     std::vector<DiskFile> diskFiles;
@@ -44,11 +47,12 @@ class MachineReader {
     /// Processes, sockets and sessions. CPU figures cover the time since the
     /// previous call.
     virtual ProcessReading readProcesses() = 0;
-    /// The container runtimes found, in detection order: every socket asked
-    /// at once, so this lasts at most about one probe time-out.
-    virtual std::vector<RuntimeInfo> detectRuntimes() = 0;
-    /// One runtime's containers and disk images.
-    virtual RuntimeReading readRuntime(const RuntimeInfo& runtime) = 0;
+    /// The container runtimes found on disk, in detection order. Only files
+    /// are read; no socket is asked yet, so this never waits on an engine.
+    virtual std::vector<RuntimeCandidate> findRuntimes() = 0;
+    /// Asks one runtime's socket and, when its engine answers, reads its
+    /// containers; its disk images are measured in any case.
+    virtual RuntimeReading readRuntime(const RuntimeCandidate& candidate) = 0;
     /// One runtime's disk-usage figures: the cached ones while they are fresh,
     /// unless `afterChange`. The failure is a short cause for the user.
     virtual Result<CachedSizes, std::string> readSizes(const RuntimeInfo& runtime,

@@ -70,15 +70,15 @@ bool DockerIdentifiers::isVolumeName(std::string_view name) {
 std::string ActionError::description() const {
     switch (kind) {
         case Kind::invalidID:
-            return "invalidID(" + text + ")";
+            return "Nothing was run: \"" + text + "\" is not a container or image id.";
         case Kind::invalidVolumeName:
-            return "invalidVolumeName(" + text + ")";
+            return "Nothing was run: \"" + text + "\" is not a volume name.";
         case Kind::noTargets:
-            return "noTargets";
+            return "Nothing was run: there is nothing to remove.";
         case Kind::invalidSocket:
-            return "invalidSocket";
+            return "Nothing was run: the runtime's socket path cannot be passed to docker.";
     }
-    return "unknown";
+    return "Nothing was run.";
 }
 
 const char* rawValue(StopOutcome outcome) {

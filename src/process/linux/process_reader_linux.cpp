@@ -327,4 +327,45 @@ std::optional<RawUsage> LiveProcessSource::usage(int32_t pid) {
                     ProcessReader::executablePath(pid), facts->usage};
 }
 
+std::vector<int32_t> LiveTableSource::allPIDs() {
+    // A new sample begins: what the last one did not see is gone.
+    known_ = std::move(seen_);
+    seen_.clear();
+    return ProcessReader::allPIDs();
+}
+
+std::optional<ProcessIdentity> LiveTableSource::identity(int32_t pid) {
+    last_.reset();
+    auto stat = readStat(pid);
+    if (!stat) return std::nullopt;
+    const ProcessIdentity id{pid, startTimeMicros(bootTime(), stat->startTicks, ticksPerSecond())};
+    last_ = Stat{pid, std::move(stat->comm), stat->ppid, stat->utime + stat->stime, id};
+    return id;
+}
+
+std::optional<RawUsage> LiveTableSource::usage(int32_t pid) {
+    if (!last_ || last_->pid != pid) {
+        if (!identity(pid)) return std::nullopt;
+    }
+    Stat stat = std::move(*last_);
+    last_.reset();
+    auto uid = effectiveUid(pid);
+    if (!uid) return std::nullopt;
+    auto known = known_.find(stat.identity);
+    Known entry;
+    if (known != known_.end() && known->second.comm == stat.comm) {
+        entry = std::move(known->second);
+    } else {
+        entry.comm = stat.comm;
+        entry.path = ProcessReader::executablePath(pid);
+        entry.name = stat.comm;
+        if (stat.comm.size() == 15) {
+            if (auto info = ProcessReader::bsdInfo(pid)) entry.name = info->name;
+        }
+    }
+    RawUsage raw{stat.ppid, *uid, entry.name, entry.path, Usage{0, stat.cpuTicks, {}, {}}};
+    seen_.insert_or_assign(stat.identity, std::move(entry));
+    return raw;
+}
+
 }  // namespace nemarro::process

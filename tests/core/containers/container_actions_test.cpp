@@ -105,6 +105,9 @@ TEST_F(ContainerActionsTest, IdentifiersAreCheckedBeforeAnythingRuns) {
         auto r = actions.perform(c.action);
         ASSERT_FALSE(r.ok());
         EXPECT_EQ(r.error(), c.expected) << c.expected.description();
+        // What the user reads is a sentence that says nothing ran.
+        EXPECT_TRUE(r.error().description().starts_with("Nothing was run"));
+        EXPECT_TRUE(r.error().description().ends_with("."));
     }
     EXPECT_TRUE(actions.command({ContainerAction::RemoveVolume{std::string(255, 'v')}}).ok());
     EXPECT_TRUE(actions.command(stop(hex64)).ok());

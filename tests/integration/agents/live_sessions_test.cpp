@@ -7,6 +7,8 @@
 #include <thread>
 
 #include "app/agents_command.h"
+#include "app/machine_report.h"
+#include "app/model/live_machine_reader.h"
 #include "test_process.h"
 
 namespace wharfy {
@@ -31,13 +33,8 @@ TEST(LiveSessionsTest, FakeAgentWithBusyAndIdleChildrenIsOneBusySession) {
     std::vector<pid_t> children = agent->children();
     std::sort(children.begin(), children.end());
 
-    SessionBuilder builder(AgentCatalog(home.path()),
-                           ProjectResolver(home.path(), true, &ProjectResolver::pathExists),
-                           static_cast<uint32_t>(::getuid()));
-    LiveAgentSource source;
-    auto report = app::readAgents(source, builder, [](double seconds) {
-        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    });
+    app::LiveMachineReader reader(static_cast<uint32_t>(::getuid()), home.path(), std::nullopt);
+    const auto report = app::readMachine(reader, false, &app::sleepSeconds).agents;
 
     // Agents really running on this machine may show up too; only ours is checked.
     auto mine = [&](const AgentSession& s) {
@@ -60,8 +57,7 @@ TEST(LiveSessionsTest, FakeAgentWithBusyAndIdleChildrenIsOneBusySession) {
     EXPECT_EQ(found, children);
     ASSERT_TRUE(session.cpuPercent.has_value());
     EXPECT_GT(*session.cpuPercent, AgentMonitor::Thresholds{}.busyPercent);
-    ASSERT_EQ(report.statuses.size(), report.sessions.size());
-    EXPECT_TRUE(report.statuses[index].isBusy);
+    EXPECT_TRUE(report.status(session).isBusy);
     EXPECT_EQ(app::agentsJson({session})["sessions"][0]["processes"], 3);
 }
 

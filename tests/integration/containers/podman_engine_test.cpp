@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <thread>
 
 #include "app/containers_command.h"
+#include "app/model/live_machine_reader.h"
 #include "app/ports_command.h"
 #include "core/containers/container_actions.h"
 #include "core/containers/container_service.h"
@@ -112,7 +114,9 @@ TEST_F(PodmanEngineTest, ListsRunningCreatedAndExitedContainersWithTheirPorts) {
     EXPECT_TRUE(d->isStopped() && c->isStopped());
 
     // What `wharfy --containers-json` and `wharfy` print for this engine.
-    auto reports = app::readRuntimes(engine().home(), engine().xdgRuntimeDir());
+    app::LiveMachineReader reader(static_cast<uint32_t>(::getuid()), engine().home(),
+                                  engine().xdgRuntimeDir());
+    auto reports = app::readRuntimes(reader);
     auto report = std::find_if(reports.begin(), reports.end(), [](const app::RuntimeReport& r) {
         return r.runtime.displayName == "Podman";
     });
@@ -261,7 +265,9 @@ TEST_F(PodmanEngineTest, PortRowOfThePublishedPortCarriesItsContainer) {
 
     // The row as `wharfy` builds it: the real scanner and classifier decide
     // that conmon forwards the port for Podman.
-    const auto rows = app::scanPorts(app::UserContext::current());
+    const auto user = app::UserContext::current();
+    const auto rows =
+        app::LiveMachineReader(user.uid, user.home, std::nullopt).readProcesses().ports;
     auto row =
         std::find_if(rows.begin(), rows.end(), [&](const PortRow& r) { return r.port == port; });
     ASSERT_NE(row, rows.end()) << "nothing listens on 127.0.0.1:" << port;

@@ -1,6 +1,7 @@
 #include <pwd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <set>
 #include <unordered_map>
@@ -48,14 +49,12 @@ class LinuxPortEnvironment final : public PortEnvironment {
     LaunchdJobs launchdJobs() override;
     std::vector<int32_t> allPIDs() override { return ProcessReader::allPIDs(); }
     std::optional<BSDInfo> process(int32_t pid) override;
-    std::optional<std::string> executablePath(int32_t pid) override {
-        return ProcessReader::executablePath(pid);
-    }
+    std::optional<std::string> executablePath(int32_t pid) override { return facts(pid).path; }
     std::optional<std::vector<std::string>> arguments(int32_t pid) override {
-        return ProcessReader::arguments(pid, argumentBuffer_);
+        return facts(pid).arguments;
     }
     std::optional<std::string> currentDirectory(int32_t pid) override {
-        return ProcessReader::currentDirectory(pid);
+        return facts(pid).directory;
     }
     std::optional<uint64_t> footprint(int32_t pid) override {
         return ProcessReader::footprint(pid);
@@ -74,6 +73,19 @@ class LinuxPortEnvironment final : public PortEnvironment {
         uint64_t startTime;
     };
 
+    /// What a listener's row shows of its process and hardly ever changes.
+    /// Kept per process identity across scans and read again once older than
+    /// kFactsMaxAge, so that a new working directory or command line shows
+    /// within half a minute.
+    struct Facts {
+        std::optional<std::string> path;
+        std::optional<std::vector<std::string>> arguments;
+        std::optional<std::string> directory;
+        std::chrono::steady_clock::time_point readAt;
+    };
+    static constexpr std::chrono::seconds kFactsMaxAge{30};
+    const Facts& facts(int32_t pid);
+
     /// Reads the whole descriptor table of `id`; its listening descriptors
     /// replace whatever `found` held for it.
     void readInFull(const ProcessIdentity& id, const ListenerTable& table, Holders& found);
@@ -88,12 +100,33 @@ class LinuxPortEnvironment final : public PortEnvironment {
     // This scan.
     std::vector<KernelListener> table_;
     std::unordered_map<int32_t, std::optional<BSDInfo>> info_;
+    std::unordered_map<ProcessIdentity, Facts> facts_;
+    Facts unknown_;
     std::unordered_map<uint32_t, std::string> userNames_;
 };
 
 std::optional<BSDInfo> LinuxPortEnvironment::process(int32_t pid) {
     auto [it, inserted] = info_.try_emplace(pid);
     if (inserted) it->second = ProcessReader::bsdInfo(pid);
+    return it->second;
+}
+
+const LinuxPortEnvironment::Facts& LinuxPortEnvironment::facts(int32_t pid) {
+    auto seen = seen_.find(pid);
+    if (seen == seen_.end()) {
+        // Not a process of this scan's table: read, never kept.
+        unknown_ = {ProcessReader::executablePath(pid),
+                    ProcessReader::arguments(pid, argumentBuffer_),
+                    ProcessReader::currentDirectory(pid),
+                    {}};
+        return unknown_;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    auto [it, inserted] = facts_.try_emplace(ProcessIdentity{pid, seen->second.startTime});
+    if (inserted || now - it->second.readAt >= kFactsMaxAge)
+        it->second = {ProcessReader::executablePath(pid),
+                      ProcessReader::arguments(pid, argumentBuffer_),
+                      ProcessReader::currentDirectory(pid), now};
     return it->second;
 }
 
@@ -201,6 +234,8 @@ std::vector<ListeningSocket> LinuxPortEnvironment::listeningSockets() {
     unheld_.clear();
     for (const auto& l : table_)
         if (!held.count(l.socketID)) unheld_.insert(l.socketID);
+    // Facts of processes that are gone are let go.
+    std::erase_if(facts_, [&](const auto& entry) { return !isRunning(entry.first); });
     holders_ = std::move(found);
     seen_ = std::move(seen);
     return out;

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "app/launch_options.h"
+#include "app/ports_command.h"
+
+namespace wharfy::app {
+
+/// `wharfy --background`: the model with no view, refreshing every 60 s and
+/// loading the disk sizes each time, so that storage alerts can fire. Only
+/// the instance holding the primary lock reads and records anything; a second
+/// one waits, says so once, and takes over when the first ends. SIGTERM,
+/// SIGINT and SIGHUP end it at once, the lock released; SIGUSR1 refreshes at
+/// once. Messages go to
+/// standard error, which the service manager keeps in its journal.
+int runBackground(const UserContext& user, const LaunchOptions& options);
+
+}  // namespace wharfy::app
