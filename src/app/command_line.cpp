@@ -11,6 +11,8 @@ constexpr std::array kOptions{
     OptionSpec{"--containers-json", "", "print the container runtimes as JSON and exit"},
     OptionSpec{"--agents-json", "", "print the coding-agent sessions as JSON and exit"},
     OptionSpec{"--history-json", "", "print the last seven days of history as JSON and exit"},
+    OptionSpec{"--suite-json", "",
+               "print the suite of apps as its folder shows it, as JSON, and exit"},
     OptionSpec{"--export", "PATH",
                "write what is running now to PATH: Markdown, or JSON for a .json name; - for "
                "standard output"},
@@ -33,6 +35,8 @@ constexpr std::array kOptions{
     OptionSpec{"--quit-after", "SECONDS", "exit after this many seconds (timed runs)"},
     OptionSpec{"--diagnostics", "PATH",
                "at exit, write timing, CPU and memory figures of the run as JSON to PATH"},
+    OptionSpec{"--suite-folder", "DIR",
+               "use DIR, inside the temporary folder, as the suite folder (for tests)"},
     OptionSpec{"--help", "", "show this help and exit", "-h"},
     OptionSpec{"--version", "", "print the version and exit"},
 };

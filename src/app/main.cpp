@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -13,6 +14,8 @@
 #include "app/machine_report.h"
 #include "app/model/live_machine_reader.h"
 #include "app/ports_command.h"
+#include "app/suite_json_command.h"
+#include "app/suite_link.h"
 #include "app/terminal_text.h"
 #include "app/tui/run_interface.h"
 
@@ -20,6 +23,11 @@ namespace {
 
 using namespace wharfy;
 using namespace wharfy::app;
+
+double secondsSince1970() {
+    using namespace std::chrono;
+    return duration<double>(system_clock::now().time_since_epoch()).count();
+}
 
 int emit(const nlohmann::json& value) {
     std::fputs(emitText(value).c_str(), stdout);
@@ -45,6 +53,11 @@ int printAll(const UserContext& user) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
+    const auto suiteFolders = liveSuiteFolders(args);  // a bad --suite-folder ends the run first
+    if (!suiteFolders) {
+        std::fprintf(stderr, "%s\n", suiteFolders.error().message().c_str());
+        return 2;
+    }
     if (auto problem = usageProblem(args)) {
         std::fprintf(stderr, "wharfy: %s\nTry 'wharfy --help' for more information.\n",
                      problem->c_str());
@@ -70,6 +83,8 @@ int main(int argc, char** argv) {
         return emit(agentsJson(readMachine(live, false, &sleepSeconds).agents.sessions));
     }
     if (hasOption("--history-json", args)) return emit(historyJson(user));
+    if (hasOption("--suite-json", args))
+        return emit(suiteJson(suiteFolders.value().folders, secondsSince1970()));
     if (hasOption("--export", args)) {
         auto live = reader();
         return exportCommand(live, valueAfter("--export", args).value_or("-"));
