@@ -23,7 +23,8 @@ void logLine(const std::string& message) {
 
 }  // namespace
 
-int runBackground(const UserContext& user, const LaunchOptions& options) {
+int runBackground(const UserContext& user, const LaunchOptions& options,
+                  const SuiteFolderChoice& suiteFolders) {
     AsioEventLoop loop;
     const AppPaths paths = AppPaths::live(user.home);
     std::shared_ptr<Diagnostics> diagnostics;
@@ -35,14 +36,17 @@ int runBackground(const UserContext& user, const LaunchOptions& options) {
 
     AppModelParts parts = liveModelParts(user, paths, options, &logLine);
     parts.diagnostics = diagnostics;
+    const auto settings = parts.settings;
     AppModel model(loop, std::move(parts));
     model.setLoadsSizesEachTick(true);
+    std::unique_ptr<SuiteLink> suite;
 
     PrimaryLock lock(paths.primaryLock, &logLine);
     bool finished = false;
     auto finish = [&] {
         if (finished) return;
         finished = true;
+        if (suite) suite->stop();
         model.stop();
         if (diagnostics && options.diagnosticsPath) {
             diagnostics->mark("quit");
@@ -63,12 +67,23 @@ int runBackground(const UserContext& user, const LaunchOptions& options) {
 
     auto alive = std::make_shared<int>(0);
     auto mailbox = loop.mailbox();
-    lock.start([mailbox, weak = std::weak_ptr<int>(alive), &model, &finished, diagnostics] {
-        mailbox->post([weak, &model, &finished, diagnostics] {
-            if (!weak.lock() || finished) return;
-            if (diagnostics) diagnostics->mark("primary");
-            model.askForNotificationPermissionOnce();
-            model.start();
+    auto becomePrimary = [&] {
+        if (finished) return;
+        if (diagnostics) diagnostics->mark("primary");
+        SuiteLinkParts link;
+        link.folders = suiteFolders.folders;
+        link.preferences = suitePreferences(suiteFolders, settings, paths);
+        link.log = &logLine;
+        link.diagnostics = diagnostics;
+        link.system = SuiteLink::liveSystem(loop, &logLine);
+        suite = std::make_unique<SuiteLink>(loop, model, std::move(link));
+        suite->start();
+        model.askForNotificationPermissionOnce();
+        model.start();
+    };
+    lock.start([mailbox, weak = std::weak_ptr<int>(alive), &becomePrimary] {
+        mailbox->post([weak, &becomePrimary] {
+            if (weak.lock()) becomePrimary();
         });
     });
     // A lock taken at once needs no word; one still waited for after a

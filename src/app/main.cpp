@@ -89,9 +89,10 @@ int main(int argc, char** argv) {
         auto live = reader();
         return exportCommand(live, valueAfter("--export", args).value_or("-"));
     }
-    if (hasOption("--background", args)) return runBackground(user, LaunchOptions(args));
+    if (hasOption("--background", args))
+        return runBackground(user, LaunchOptions(args), suiteFolders.value());
     if (auto mode = tui::startMode(args, tui::TerminalFacts::current());
         mode != tui::StartMode::report)
-        return tui::runInterface(args, user, mode);
+        return tui::runInterface(args, user, mode, suiteFolders.value());
     return printAll(user);
 }

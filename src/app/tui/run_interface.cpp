@@ -18,6 +18,7 @@
 #include "app/loop/asio_event_loop.h"
 #include "app/model/app_model.h"
 #include "app/primary_lock.h"
+#include "app/suite_link.h"
 #include "app/tui/interface.h"
 #include "app/tui/ncurses_terminal.h"
 #include "system/private_files.h"
@@ -116,8 +117,41 @@ std::optional<std::pair<int, int>> parseSnapshotSize(std::string_view text) {
     return std::pair{*cols, *rows};
 }
 
-int runInterface(const std::vector<std::string>& arguments, const UserContext& user,
-                 StartMode mode) {
+/// The suite's shared readout while this process hosts it: the latest the
+/// participant showed, read by the header's strip.
+class StripHost final : public SuiteStripSource {
+  public:
+    explicit StripHost(Interface*& ui) : ui_(ui) {}
+    std::optional<SuiteStrip> strip() const override { return strip_; }
+
+    nemarro::suite_ui::SuiteHostFactory factory() {
+        return
+            [this](nemarro::suite_ui::SuiteParticipant&) { return std::make_unique<Shown>(*this); };
+    }
+
+  private:
+    class Shown final : public nemarro::suite_ui::SuiteHost {
+      public:
+        explicit Shown(StripHost& owner) : owner_(owner) {}
+        ~Shown() override { owner_.set(std::nullopt); }
+        void show(const nemarro::suite_ui::SuiteReadout& readout) override {
+            owner_.set(SuiteStrip{readout.rows, readout.worstLevel, readout.menuBarValues});
+        }
+
+      private:
+        StripHost& owner_;
+    };
+    void set(std::optional<SuiteStrip> strip) {
+        strip_ = std::move(strip);
+        if (ui_) ui_->refreshSoon();
+    }
+
+    Interface*& ui_;
+    std::optional<SuiteStrip> strip_;
+};
+
+int runInterface(const std::vector<std::string>& arguments, const UserContext& user, StartMode mode,
+                 const SuiteFolderChoice& suiteFolders) {
     const AppPaths paths = AppPaths::live(user.home);
     auto log = fileLog(paths);
     const LaunchOptions options(arguments);
@@ -133,7 +167,11 @@ int runInterface(const std::vector<std::string>& arguments, const UserContext& u
         watchdog = std::make_unique<Watchdog>(loop, diagnostics);
     }
     parts.quit = [&loop] { loop.stop(); };
+    const auto appSettings = parts.settings;
     AppModel model(loop, std::move(parts));
+    Interface* shownOn = nullptr;
+    StripHost strip(shownOn);
+    std::unique_ptr<SuiteLink> suite;
     model.setPrimary(false);
 
     std::unique_ptr<NcursesTerminal> terminal;
@@ -159,14 +197,28 @@ int runInterface(const std::vector<std::string>& arguments, const UserContext& u
     settings.clock = clockText;
     settings.fileStamp = fileStamp;
     auto ui = std::make_unique<Interface>(
-        loop, model, terminal.get(), settings, nullptr, [&loop] { loop.stop(); }, log);
+        loop, model, terminal.get(), settings, &strip, [&loop] { loop.stop(); }, log);
+    shownOn = ui.get();
 
+    // The primary instance records, notifies and takes part in the suite,
+    // where the interface is a surface that may host the shared readout.
+    auto becomePrimary = [&] {
+        model.setPrimary(true);
+        SuiteLinkParts link;
+        link.folders = suiteFolders.folders;
+        link.preferences = suitePreferences(suiteFolders, appSettings, paths);
+        link.host = strip.factory();
+        link.log = log;
+        link.diagnostics = diagnostics;
+        link.system = SuiteLink::liveSystem(loop, log);
+        suite = std::make_unique<SuiteLink>(loop, model, std::move(link));
+        suite->start();
+        ui->refreshSoon();
+    };
     PrimaryLock lock(paths.primaryLock, log);
-    lock.start([mailbox = loop.mailbox(), weak = std::weak_ptr<int>(alive), &model, ui = ui.get()] {
-        mailbox->post([weak, &model, ui] {
-            if (!weak.lock()) return;
-            model.setPrimary(true);
-            ui->refreshSoon();
+    lock.start([mailbox = loop.mailbox(), weak = std::weak_ptr<int>(alive), &becomePrimary] {
+        mailbox->post([weak, &becomePrimary] {
+            if (weak.lock()) becomePrimary();
         });
     });
 
@@ -177,7 +229,10 @@ int runInterface(const std::vector<std::string>& arguments, const UserContext& u
     loop.run();
 
     alive.reset();
+    if (suite) suite->stop();
     model.stop();
+    suite.reset();
+    shownOn = nullptr;
     ui.reset();
     terminal.reset();
     lock.release();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/ports_command.h"
+#include "app/suite_link.h"
 
 namespace wharfy::app::tui {
 
@@ -41,7 +42,7 @@ std::optional<std::pair<int, int>> parseSnapshotSize(std::string_view text);
 
 /// Runs the interface (or the unseen snapshot run) until the user quits, a
 /// snapshot run ends or an ending signal arrives. The exit status.
-int runInterface(const std::vector<std::string>& arguments, const UserContext& user,
-                 StartMode mode);
+int runInterface(const std::vector<std::string>& arguments, const UserContext& user, StartMode mode,
+                 const SuiteFolderChoice& suiteFolders);
 
 }  // namespace wharfy::app::tui

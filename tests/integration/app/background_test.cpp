@@ -14,6 +14,7 @@
 
 #include "notification_desktop.h"
 #include "spawned_process.h"
+#include "suite/glance_codec.h"
 #include "test_process.h"
 
 namespace wharfy {
@@ -33,8 +34,11 @@ struct UserFolders {
                 {"XDG_STATE_HOME", dir.path() + "/state"},
                 {"XDG_CONFIG_HOME", dir.path() + "/config"},
                 {"XDG_RUNTIME_DIR", dir.path() + "/run"},
+                {"TMPDIR", dir.path()},
                 {"PATH", "/usr/bin:/bin"}};
     }
+    /// The suite folder of the test's own, so that the user's real one is never touched.
+    std::string suiteFolder() const { return dir.path() + "/suite"; }
     std::string lockPath() const { return dir.path() + "/run/wharfy/primary.lock"; }
     /// History lines written so far.
     size_t historyLines() const {
@@ -69,14 +73,16 @@ bool lockedElsewhere(const std::string& path) {
     return busy;
 }
 
-std::unique_ptr<SpawnedProcess> startBackground(const std::map<std::string, std::string>& env,
+std::unique_ptr<SpawnedProcess> startBackground(const UserFolders& user,
+                                                const std::map<std::string, std::string>& env,
                                                 const std::string& log) {
-    return SpawnedProcess::start({WHARFY_EXE, "--background"}, env, log);
+    return SpawnedProcess::start({WHARFY_EXE, "--background", "--suite-folder", user.suiteFolder()},
+                                 env, log);
 }
 
 TEST(Background, RecordsHoldsThePrimaryLockAndEndsCleanlyOnSigterm) {
     UserFolders user;
-    auto wharfy = startBackground(user.environment(), user.dir.path() + "/log");
+    auto wharfy = startBackground(user, user.environment(), user.dir.path() + "/log");
     ASSERT_TRUE(wharfy);
     ASSERT_TRUE(within(20s, [&] { return user.historyLines() == 1; }))
         << "no history line after the first tick; log: "
@@ -94,11 +100,11 @@ TEST(Background, RecordsHoldsThePrimaryLockAndEndsCleanlyOnSigterm) {
 
 TEST(Background, ASecondInstanceWaitsAndTakesOverWhenTheFirstEnds) {
     UserFolders user;
-    auto first = startBackground(user.environment(), user.dir.path() + "/first.log");
+    auto first = startBackground(user, user.environment(), user.dir.path() + "/first.log");
     ASSERT_TRUE(first);
     ASSERT_TRUE(within(20s, [&] { return user.historyLines() == 1; }));
     const std::string secondLog = user.dir.path() + "/second.log";
-    auto second = startBackground(user.environment(), secondLog);
+    auto second = startBackground(user, user.environment(), secondLog);
     ASSERT_TRUE(second);
     ASSERT_TRUE(within(10s, [&] {
         return testing::readTextFile(secondLog).find("another Wharfy is already running") !=
@@ -116,6 +122,39 @@ TEST(Background, ASecondInstanceWaitsAndTakesOverWhenTheFirstEnds) {
     EXPECT_EQ(said.find("another Wharfy"), said.rfind("another Wharfy")) << "said more than once";
 }
 
+TEST(Background, PublishesAValidSuiteRecordAndLeavesWithAStoppedOne) {
+    UserFolders user;
+    const std::string folder = user.dir.path() + "/suite";
+    const std::string record = folder + "/glances/wharfy.json";
+    auto env = user.environment();
+    env["TMPDIR"] = user.dir.path();
+    auto wharfy = SpawnedProcess::start({WHARFY_EXE, "--background", "--suite-folder", folder}, env,
+                                        user.dir.path() + "/log");
+    ASSERT_TRUE(wharfy);
+    auto read = [&]() -> std::optional<nemarro::suite::GlanceRecord> {
+        auto result =
+            nemarro::suite::GlanceCodec::decode(testing::readTextFile(record), "wharfy.json");
+        if (auto* valid = std::get_if<nemarro::suite::GlanceRecord>(&result)) return *valid;
+        return std::nullopt;
+    };
+    ASSERT_TRUE(within(20s,
+                       [&] {
+                           auto r = read();
+                           return r && r->state == nemarro::suite::GlanceState::running &&
+                                  !r->metrics.empty();
+                       }))
+        << testing::readTextFile(record) << testing::readTextFile(user.dir.path() + "/log");
+    EXPECT_EQ(read()->ttl, 30);
+    EXPECT_FALSE(read()->hosting) << "the background has no surface to host on";
+
+    ::kill(wharfy->pid(), SIGTERM);
+    ASSERT_TRUE(wharfy->waitExit(10));
+    auto last = read();
+    ASSERT_TRUE(last) << testing::readTextFile(record);
+    EXPECT_EQ(last->state, nemarro::suite::GlanceState::stopped);
+    EXPECT_TRUE(last->metrics.empty());
+}
+
 TEST(Background, APublicListenerAfterTheFirstTickIsExactlyOneNotification) {
     std::string whyNot;
     auto bus = testing::PrivateBus::start(whyNot);
@@ -128,7 +167,7 @@ TEST(Background, APublicListenerAfterTheFirstTickIsExactlyOneNotification) {
     for (const auto& [key, value] : user.environment())
         if (key != "XDG_RUNTIME_DIR" && key != "XDG_CONFIG_HOME") env[key] = value;
     const std::string log = user.dir.path() + "/log";
-    auto wharfy = startBackground(env, log);
+    auto wharfy = startBackground(user, env, log);
     ASSERT_TRUE(wharfy);
     ASSERT_TRUE(within(20s, [&] { return user.historyLines() == 1; }))
         << testing::readTextFile(log);

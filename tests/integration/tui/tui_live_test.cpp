@@ -36,10 +36,14 @@ struct InterfaceLive : ::testing::Test {
     std::unique_ptr<TmuxSession> open(int cols, int rows,
                                       std::map<std::string, std::string> env = {}) {
         if (env.empty()) env = environment();
+        // A suite folder of the test's own: the user's real one is never touched.
+        env["TMPDIR"] = dir.path();
         std::vector<std::string> command{"/usr/bin/env"};
         for (const auto& [k, v] : env)
             command.push_back(k + "=" + v);
         command.push_back(WHARFY_EXECUTABLE);
+        command.push_back("--suite-folder");
+        command.push_back(dir.path() + "/suite");
         auto pane = TmuxSession::start(dir.path(), command, cols, rows, env);
         if (pane &&
             !pane->waitFor([](const std::string& t) { return contains(t, "refreshed"); }, 20))
@@ -207,15 +211,16 @@ TEST(SnapshotsLive, WrittenFromTheRealMachineWithoutATerminal) {
     const std::string window = dir.path() + "/window.txt";
     const std::string popover = dir.path() + "/popover.txt";
     const std::string suite = dir.path() + "/suite.txt";
-    auto wharfy =
-        SpawnedProcess::start({WHARFY_EXECUTABLE, "--snapshot", window, "--snapshot-popover",
-                               popover, "--snapshot-suite-popover", suite, "--snapshot-size",
-                               "100x30", "--open", "containers", "--quit-after-snapshot"},
-                              {{"HOME", dir.path()},
-                               {"PATH", "/usr/bin:/bin"},
-                               {"XDG_RUNTIME_DIR", dir.path()},
-                               {"XDG_STATE_HOME", dir.path()},
-                               {"XDG_CONFIG_HOME", dir.path()}});
+    auto wharfy = SpawnedProcess::start(
+        {WHARFY_EXECUTABLE, "--snapshot", window, "--snapshot-popover", popover,
+         "--snapshot-suite-popover", suite, "--snapshot-size", "100x30", "--open", "containers",
+         "--quit-after-snapshot", "--suite-folder", dir.path() + "/suite"},
+        {{"HOME", dir.path()},
+         {"PATH", "/usr/bin:/bin"},
+         {"TMPDIR", dir.path()},
+         {"XDG_RUNTIME_DIR", dir.path()},
+         {"XDG_STATE_HOME", dir.path()},
+         {"XDG_CONFIG_HOME", dir.path()}});
     ASSERT_TRUE(wharfy);
     // It prints nothing and ends by itself once the pictures are written.
     EXPECT_EQ(wharfy->readLine(60), std::nullopt);
