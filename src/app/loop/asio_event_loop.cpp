@@ -33,11 +33,12 @@ struct AsioEventLoop::Watch {
         : descriptor(io, fd), ready(std::move(r)) {}
 };
 
-AsioEventLoop::AsioEventLoop()
+AsioEventLoop::AsioEventLoop(WorkerPool::Log log)
     : guard_(asio::make_work_guard(io_)),
       mailbox_(std::make_shared<AsioMailbox>(&io_)),
       signals_(io_),
-      refreshSignals_(io_) {}
+      refreshSignals_(io_),
+      pool_(8, std::chrono::seconds(30), std::move(log)) {}
 
 AsioEventLoop::~AsioEventLoop() {
     mailbox_->close();

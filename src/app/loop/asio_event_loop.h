@@ -18,7 +18,8 @@ namespace wharfy::app {
 /// the ending signals, descriptors to watch, and a worker pool.
 class AsioEventLoop final : public EventLoop {
   public:
-    AsioEventLoop();
+    /// `log` hears of background work that failed; by default standard error.
+    explicit AsioEventLoop(WorkerPool::Log log = {});
     ~AsioEventLoop() override;
 
     std::shared_ptr<Mailbox> mailbox() override;

@@ -6,10 +6,12 @@
 
 namespace wharfy::app {
 
-WorkerPool::WorkerPool(size_t maxThreads, std::chrono::milliseconds idleExit)
+WorkerPool::WorkerPool(size_t maxThreads, std::chrono::milliseconds idleExit, Log log)
     : state_(std::make_shared<State>()),
       maxThreads_(maxThreads ? maxThreads : 1),
-      idleExit_(idleExit) {}
+      idleExit_(idleExit) {
+    state_->log = std::move(log);
+}
 
 WorkerPool::~WorkerPool() {
     shutdown(std::chrono::seconds(2));
@@ -47,7 +49,11 @@ void WorkerPool::work(const std::shared_ptr<State>& state, std::chrono::millisec
         try {
             job();
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "wharfy: a background read failed: %s\n", e.what());
+            const std::string message = std::string("a background read failed: ") + e.what();
+            if (state->log)
+                state->log(message);
+            else
+                std::fprintf(stderr, "wharfy: %s\n", message.c_str());
         }
         lock.lock();
         --state->busy;

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace wharfy::app {
 
@@ -19,8 +20,13 @@ class WorkerPool {
   public:
     using Job = std::function<void()>;
 
+    using Log = std::function<void(const std::string&)>;
+
+    /// `log` hears of a job that failed with an exception; by default
+    /// standard error.
     explicit WorkerPool(size_t maxThreads = 8,
-                        std::chrono::milliseconds idleExit = std::chrono::seconds(30));
+                        std::chrono::milliseconds idleExit = std::chrono::seconds(30),
+                        Log log = {});
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
@@ -47,6 +53,7 @@ class WorkerPool {
         size_t waiting = 0;
         size_t busy = 0;
         bool stopping = false;
+        Log log;
     };
     static void work(const std::shared_ptr<State>& state, std::chrono::milliseconds idleExit);
 

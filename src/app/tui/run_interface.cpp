@@ -156,7 +156,7 @@ int runInterface(const std::vector<std::string>& arguments, const UserContext& u
     auto log = fileLog(paths);
     const LaunchOptions options(arguments);
 
-    AsioEventLoop loop;
+    AsioEventLoop loop(log);
     auto alive = std::make_shared<int>(0);
     AppModelParts parts = liveModelParts(user, paths, options, log);
     std::shared_ptr<Diagnostics> diagnostics;
