@@ -1,5 +1,7 @@
 #include "app/agents_command.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 
 #include "app/ports_command.h"

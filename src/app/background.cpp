@@ -1,5 +1,7 @@
 #include "app/background.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>

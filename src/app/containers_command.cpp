@@ -1,5 +1,7 @@
 #include "app/containers_command.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>

@@ -1,5 +1,7 @@
 #include "app/diagnostics.h"
 
+#include <nlohmann/json.hpp>
+
 #include <sys/resource.h>
 
 #include <algorithm>

@@ -1,5 +1,7 @@
 #include "app/history_command.h"
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 
 #include "common/text.h"

@@ -1,9 +1,12 @@
 #include "app/live_parts.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdlib>
 
 #include "app/model/live_machine_actions.h"
 #include "app/model/live_machine_reader.h"
+#include "app/settings_file.h"
 
 namespace wharfy::app {
 

@@ -1,3 +1,5 @@
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,7 @@
 #include "app/ports_command.h"
 
+#include <nlohmann/json.hpp>
+
 #include <pwd.h>
 #include <unistd.h>
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "core/ports/port_row.h"
 #include "core/ports/port_scanner.h"

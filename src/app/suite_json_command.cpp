@@ -1,5 +1,7 @@
 #include "app/suite_json_command.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 
 #include "suite/suite_settings.h"

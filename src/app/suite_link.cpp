@@ -1,10 +1,13 @@
 #include "app/suite_link.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
 #include "app/diagnostics.h"
+#include "app/settings_file.h"
 #include "system/private_files.h"
 
 namespace wharfy::app {

@@ -9,7 +9,7 @@
 #include "app/app_paths.h"
 #include "app/loop/event_loop.h"
 #include "app/model/app_model.h"
-#include "app/settings_file.h"
+#include "app/settings_store.h"
 #include "common/result.h"
 #include "suite/suite_folder.h"
 #include "suite_ui/suite_participant.h"

@@ -1,5 +1,6 @@
 // The app model on a clock the test moves, over a described machine.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "app/model/app_model.h"
 #include "fake_machine_reader.h"

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "app/containers_command.h"
 #include "app/terminal_text.h"

@@ -1,6 +1,7 @@
 // The real event loop and its worker pool.
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <atomic>
 #include <csignal>

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <fstream>
@@ -30,12 +31,14 @@ TEST(ExportCommandTest, SnapshotKeepsRunningRuntimesWithWhatTheyOccupy) {
     row.container = ContainerRef{"id", "web", "nginx", "Podman"};
 
     RuntimeReport podman;
-    podman.runtime = {{RuntimeKind::Podman{}}, "Podman", "/run/podman.sock", {}, RuntimeStatus::running, {}};
+    podman.runtime = {{RuntimeKind::Podman{}}, "Podman", "/run/podman.sock", {},
+                      RuntimeStatus::running,  {}};
     podman.containers = {{"id", {"/web"}, "nginx", "running", "Up", {{{}, 80, 8080, "tcp"}}}};
     podman.sizes = CachedSizes{};
     podman.sizes->usage.images = {{"i", {}, 700, 1}};
     RuntimeReport stopped;
-    stopped.runtime = {{RuntimeKind::DockerEngine{}}, "Docker Engine", {}, {}, RuntimeStatus::notRunning, {}};
+    stopped.runtime = {
+        {RuntimeKind::DockerEngine{}}, "Docker Engine", {}, {}, RuntimeStatus::notRunning, {}};
 
     AgentsReport agents;
     agents.sessions.resize(1);

@@ -1,6 +1,8 @@
 // The suite link on a clock the test moves, over real files in a temporary
 // folder; the option that points a run at a test folder; the headless reading.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +10,7 @@
 
 #include "../suite/suite_printers.h"
 #include "app/diagnostics.h"
+#include "app/settings_file.h"
 #include "app/suite_json_command.h"
 #include "app/suite_link.h"
 #include "fake_lock_files.h"

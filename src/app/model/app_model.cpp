@@ -1,5 +1,7 @@
 #include "app/model/app_model.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <functional>
 #include <map>
@@ -16,7 +16,7 @@
 #include "app/model/history_access.h"
 #include "app/model/machine_actions.h"
 #include "app/model/machine_reader.h"
-#include "app/settings_file.h"
+#include "app/settings_store.h"
 #include "core/agents/agent_monitor.h"
 #include "core/history/alert_engine.h"
 #include "core/history/history_store.h"

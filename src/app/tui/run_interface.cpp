@@ -1,5 +1,7 @@
 #include "app/tui/run_interface.h"
 
+#include <nlohmann/json.hpp>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -2,6 +2,7 @@
 // refreshes, the frozen confirmation, refusals, the clean-up flow, the armed
 // confirmation and the snapshots.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "app/tui/interface.h"
 #include "fake_machine_reader.h"
