@@ -39,7 +39,8 @@ test: test-deps build
 	$(MAKE) fuzz-smoke
 
 $(ASAN_BUILD)/build.ninja:
-	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DWHARFY_SANITIZE=ON -DWHARFY_BENCH=OFF $(CMAKE_ARGS)
+	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DWHARFY_SANITIZE=ON -DWHARFY_BENCH=OFF \
+	  -DWHARFY_INTEGRATION_TESTS=OFF $(CMAKE_ARGS)
 
 asan: deps $(ASAN_BUILD)/build.ninja
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
