@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "system/linux/sd_bus_handles.h"
 
 namespace wharfy {
 namespace {
@@ -21,18 +22,9 @@ constexpr const char* kAppName = "Wharfy";
 constexpr const char* kDesktopEntry = "wharfy";
 constexpr std::int32_t kServerDefaultExpiry = -1;
 
-struct BusClose {
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-struct SlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using Bus = std::unique_ptr<sd_bus, BusClose>;
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
-using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
+using bus::Bus;
+using bus::Message;
+using bus::Slot;
 
 Bus connect(const std::string& address) {
     sd_bus* raw = nullptr;

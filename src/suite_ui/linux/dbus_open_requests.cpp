@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "suite_ui/open_requests.h"
+#include "system/linux/sd_bus_handles.h"
 
 namespace nemarro::suite_ui {
 namespace {
@@ -19,18 +20,9 @@ constexpr const char* kMember = "Open";
 // Longest wait for the bus, from connecting to the answer that ends a step.
 constexpr std::chrono::seconds kTimeout{2};
 
-struct BusClose {
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-struct SlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Bus = std::unique_ptr<sd_bus, BusClose>;
-using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+using wharfy::bus::Bus;
+using wharfy::bus::Message;
+using wharfy::bus::Slot;
 
 std::string errorText(int negativeErrno) {
     return std::generic_category().message(-negativeErrno);
