@@ -19,6 +19,7 @@ std::vector<std::string> sortedDistinct(std::vector<std::string> v) {
 }  // namespace
 
 std::vector<PortRow> PortScanner::scan(const CpuByProcess& cpu) {
+    projects_.clear();
     // Group sockets by (pid, port), keeping first-seen order of the groups.
     std::vector<std::pair<std::pair<int32_t, uint16_t>, std::vector<ListeningSocket>>> groups;
     std::map<std::pair<int32_t, uint16_t>, size_t> groupIndex;
@@ -122,7 +123,11 @@ PortRow PortScanner::ownRow(int32_t pid, uint16_t port, const nemarro::process::
     row.isOwnedByUser = info.uid == uid_;
     if (row.isOwnedByUser &&
         (role.is<ListenerRole::BackgroundService>() || role.is<ListenerRole::PlainProcess>())) {
-        if (auto cwd = environment_.currentDirectory(pid)) row.project = resolver_.resolve(*cwd);
+        if (auto cwd = environment_.currentDirectory(pid)) {
+            auto [it, inserted] = projects_.try_emplace(*cwd);
+            if (inserted) it->second = resolver_.resolve(*cwd);
+            row.project = it->second;
+        }
     }
     std::vector<std::string> addresses;
     row.addressClass = AddressClass::thisMacOnly;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -49,6 +50,8 @@ class PortScanner {
     const ListenerClassifier& classifier_;
     ProjectResolver resolver_;
     uint32_t uid_;
+    /// Projects by working directory, for this scan: servers often share one.
+    std::unordered_map<std::string, ProjectInfo> projects_;
 };
 
 }  // namespace wharfy

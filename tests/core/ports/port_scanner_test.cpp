@@ -180,6 +180,30 @@ TEST_F(PortScannerTest, AppProcessesAreTheAppsOnlyWhenTheAppStartedThem) {
     EXPECT_TRUE(roleOf(101).is<R::BackgroundService>());
 }
 
+TEST_F(PortScannerTest, AFolderIsLookedUpOncePerScanAndAgainOnTheNext) {
+    for (int32_t pid : {300, 301}) {
+        env.add(pid, 1, "node", 501, "/opt/node").cwd = "/Users/ana/src/app";
+        env.listen(pid, static_cast<uint16_t>(pid + 2700), "127.0.0.1", C::loopback);
+    }
+    std::vector<std::string> probed;
+    PortScanner scanner(env, classifier,
+                        ProjectResolver("/Users/ana", true,
+                                        [&](const std::string& p) {
+                                            probed.push_back(p);
+                                            return gitFolders.count(p) > 0;
+                                        }),
+                        501);
+    auto rows = scanner.scan();
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(probed, (std::vector<std::string>{"/Users/ana/src/app/.git", "/Users/ana/src/.git"}));
+    EXPECT_EQ(rows[1].project, (ProjectInfo{"~/src/app", false}));
+
+    gitFolders.insert("/Users/ana/src/app/.git");
+    rows = scanner.scan();
+    EXPECT_EQ(rows[0].project, (ProjectInfo{"~/src/app", true}));
+    EXPECT_EQ(rows[1].project, (ProjectInfo{"~/src/app", true}));
+}
+
 TEST_F(PortScannerTest, ProjectsOnlyForTheUsersPlainProcessesAndServicesWithPrivacyKept) {
     auto& mine = env.add(300, 1, "node", 501, "/opt/node");
     mine.cwd = "/Users/ana/Documents/site";

@@ -86,6 +86,15 @@ class LinuxPortEnvironment final : public PortEnvironment {
     static constexpr std::chrono::seconds kFactsMaxAge{30};
     const Facts& facts(int32_t pid);
 
+    /// The unit a process runs in, from its cgroup, kept like its facts:
+    /// systemd places a process before it runs its program, so a later move
+    /// is rare and shows within kFactsMaxAge.
+    struct Placement {
+        std::optional<UnitPlacement> unit;
+        std::chrono::steady_clock::time_point readAt;
+    };
+    std::optional<UnitPlacement> placement(int32_t pid);
+
     /// Reads the whole descriptor table of `id`; its listening descriptors
     /// replace whatever `found` held for it.
     void readInFull(const ProcessIdentity& id, const ListenerTable& table, Holders& found);
@@ -101,6 +110,7 @@ class LinuxPortEnvironment final : public PortEnvironment {
     std::vector<KernelListener> table_;
     std::unordered_map<int32_t, std::optional<BSDInfo>> info_;
     std::unordered_map<ProcessIdentity, Facts> facts_;
+    std::unordered_map<ProcessIdentity, Placement> placements_;
     Facts unknown_;
     std::unordered_map<uint32_t, std::string> userNames_;
 };
@@ -128,6 +138,20 @@ const LinuxPortEnvironment::Facts& LinuxPortEnvironment::facts(int32_t pid) {
                       ProcessReader::arguments(pid, argumentBuffer_),
                       ProcessReader::currentDirectory(pid), now};
     return it->second;
+}
+
+std::optional<UnitPlacement> LinuxPortEnvironment::placement(int32_t pid) {
+    auto read = [pid]() -> std::optional<UnitPlacement> {
+        auto text = ProcessReader::controlGroups(pid);
+        if (!text) return std::nullopt;
+        return SystemdLabels::placementFromCgroup(*text);
+    };
+    auto seen = seen_.find(pid);
+    if (seen == seen_.end()) return read();
+    const auto now = std::chrono::steady_clock::now();
+    auto [it, inserted] = placements_.try_emplace(ProcessIdentity{pid, seen->second.startTime});
+    if (inserted || now - it->second.readAt >= kFactsMaxAge) it->second = {read(), now};
+    return it->second.unit;
 }
 
 void LinuxPortEnvironment::readInFull(const ProcessIdentity& id, const ListenerTable& table,
@@ -236,6 +260,7 @@ std::vector<ListeningSocket> LinuxPortEnvironment::listeningSockets() {
         if (!held.count(l.socketID)) unheld_.insert(l.socketID);
     // Facts of processes that are gone are let go.
     std::erase_if(facts_, [&](const auto& entry) { return !isRunning(entry.first); });
+    std::erase_if(placements_, [&](const auto& entry) { return !isRunning(entry.first); });
     holders_ = std::move(found);
     seen_ = std::move(seen);
     return out;
@@ -256,20 +281,15 @@ std::vector<NetstatListener> LinuxPortEnvironment::netstatListeners() {
     return out;
 }
 
-// Placements are read on demand and parents come from this scan's process
-// facts, so the jobs must not outlive the scan that made them.
+// Parents come from this scan's process facts, so the jobs must not outlive
+// the scan that made them.
 LaunchdJobs LinuxPortEnvironment::launchdJobs() {
-    return LaunchdJobs(
-        [](int32_t pid) -> std::optional<UnitPlacement> {
-            auto text = ProcessReader::controlGroups(pid);
-            if (!text) return std::nullopt;
-            return SystemdLabels::placementFromCgroup(*text);
-        },
-        [this](int32_t pid) -> std::optional<int32_t> {
-            auto info = process(pid);
-            if (!info) return std::nullopt;
-            return info->ppid;
-        });
+    return LaunchdJobs([this](int32_t pid) { return placement(pid); },
+                       [this](int32_t pid) -> std::optional<int32_t> {
+                           auto info = process(pid);
+                           if (!info) return std::nullopt;
+                           return info->ppid;
+                       });
 }
 
 }  // namespace
