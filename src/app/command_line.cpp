@@ -7,42 +7,42 @@ namespace wharfy::app {
 namespace {
 
 constexpr std::array kOptions{
-    OptionSpec{"--ports-json", "", "print the listening ports as JSON and exit"},
-    OptionSpec{"--containers-json", "", "print the container runtimes as JSON and exit"},
-    OptionSpec{"--agents-json", "", "print the coding-agent sessions as JSON and exit"},
-    OptionSpec{"--history-json", "", "print the last seven days of history as JSON and exit"},
-    OptionSpec{"--suite-json", "",
+    KnownOption{"--ports-json", "", "print the listening ports as JSON and exit"},
+    KnownOption{"--containers-json", "", "print the container runtimes as JSON and exit"},
+    KnownOption{"--agents-json", "", "print the coding-agent sessions as JSON and exit"},
+    KnownOption{"--history-json", "", "print the last seven days of history as JSON and exit"},
+    KnownOption{"--suite-json", "",
                "print the suite of apps as its folder shows it, as JSON, and exit"},
-    OptionSpec{"--export", "PATH",
+    KnownOption{"--export", "PATH",
                "write what is running now to PATH: Markdown, or JSON for a .json name; - for "
                "standard output"},
-    OptionSpec{"--background", "",
+    KnownOption{"--background", "",
                "keep watching in the background: history, desktop notifications (the systemd "
                "user unit runs this)"},
-    OptionSpec{"--once", "", "print the report once and exit, even on a terminal"},
-    OptionSpec{"--open", "TAB",
+    KnownOption{"--once", "", "print the report once and exit, even on a terminal"},
+    KnownOption{"--open", "TAB",
                "open the interface on a tab: ports, containers, agents, history or settings"},
-    OptionSpec{"--confirm-stop-port", "PORT",
+    KnownOption{"--confirm-stop-port", "PORT",
                "once the ports are read, show the stop confirmation of the listener on PORT"},
-    OptionSpec{"--snapshot", "PATH",
+    KnownOption{"--snapshot", "PATH",
                "write the window as plain text to PATH once the runtimes are read"},
-    OptionSpec{"--snapshot-popover", "PATH", "write the compact 60x20 summary to PATH"},
-    OptionSpec{"--snapshot-suite-popover", "PATH", "write the suite's rows to PATH"},
-    OptionSpec{"--snapshot-size", "COLSxROWS",
+    KnownOption{"--snapshot-popover", "PATH", "write the compact 60x20 summary to PATH"},
+    KnownOption{"--snapshot-suite-popover", "PATH", "write the suite's rows to PATH"},
+    KnownOption{"--snapshot-size", "COLSxROWS",
                "the window snapshot's size (default: the terminal's, else 120x40)"},
-    OptionSpec{"--snapshot-delay", "SECONDS", "wait this long before taking the snapshots"},
-    OptionSpec{"--quit-after-snapshot", "", "exit once the snapshots are written"},
-    OptionSpec{"--quit-after", "SECONDS", "exit after this many seconds (timed runs)"},
-    OptionSpec{"--diagnostics", "PATH",
+    KnownOption{"--snapshot-delay", "SECONDS", "wait this long before taking the snapshots"},
+    KnownOption{"--quit-after-snapshot", "", "exit once the snapshots are written"},
+    KnownOption{"--quit-after", "SECONDS", "exit after this many seconds (timed runs)"},
+    KnownOption{"--diagnostics", "PATH",
                "at exit, write timing, CPU and memory figures of the run as JSON to PATH"},
-    OptionSpec{"--suite-folder", "DIR",
+    KnownOption{"--suite-folder", "DIR",
                "use DIR, inside the temporary folder, as the suite folder (for tests)"},
-    OptionSpec{"--help", "", "show this help and exit", "-h"},
-    OptionSpec{"--version", "", "print the version and exit"},
+    KnownOption{"--help", "", "show this help and exit", "-h"},
+    KnownOption{"--version", "", "print the version and exit"},
 };
 
-const OptionSpec* find(std::string_view name) {
-    auto it = std::find_if(kOptions.begin(), kOptions.end(), [&](const OptionSpec& o) {
+const KnownOption* find(std::string_view name) {
+    auto it = std::find_if(kOptions.begin(), kOptions.end(), [&](const KnownOption& o) {
         return o.name == name || (!o.alias.empty() && o.alias == name);
     });
     return it == kOptions.end() ? nullptr : &*it;
@@ -50,19 +50,19 @@ const OptionSpec* find(std::string_view name) {
 
 }  // namespace
 
-std::span<const OptionSpec> knownOptions() {
+std::span<const KnownOption> knownOptions() {
     return kOptions;
 }
 
 std::optional<std::string> usageProblem(const std::vector<std::string>& arguments) {
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& a = arguments[i];
-        const OptionSpec* spec = find(a);
-        if (!spec) {
+        const KnownOption* option = find(a);
+        if (!option) {
             if (a.starts_with("-")) return "unknown option '" + a + "'";
             return "unexpected argument '" + a + "'";
         }
-        if (!spec->value.empty()) {
+        if (!option->value.empty()) {
             if (i + 1 == arguments.size()) return "option '" + a + "' needs a value";
             ++i;
         }

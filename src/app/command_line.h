@@ -9,7 +9,7 @@
 namespace wharfy::app {
 
 /// One option wharfy accepts.
-struct OptionSpec {
+struct KnownOption {
     std::string_view name;
     /// The word --help shows for its value; empty for a flag.
     std::string_view value;
@@ -19,7 +19,7 @@ struct OptionSpec {
 };
 
 /// Every option this build accepts, in the order --help lists them.
-std::span<const OptionSpec> knownOptions();
+std::span<const KnownOption> knownOptions();
 
 /// What is wrong with a command line, as one line for standard error; absent
 /// when every argument is a known option or the value of one.
