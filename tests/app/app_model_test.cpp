@@ -37,11 +37,11 @@ RuntimeCandidate runtime(const char* context) {
     return {info, info.socketPath};
 }
 
-ContainerInfo container(const char* name, bool running) {
+ContainerInfo running(const char* name) {
     ContainerInfo c;
     c.id = name;
     c.names = {name};
-    c.state = running ? "running" : "exited";
+    c.state = "running";
     return c;
 }
 
@@ -87,7 +87,7 @@ struct ModelTest : ::testing::Test {
 TEST_F(ModelTest, PortsArePublishedBeforeASlowEngineAnswers) {
     reader->processes.ports = {row(8080, "web", AddressClass::allNetworks)};
     reader->runtimes = {runtime("slow"), runtime("quick")};
-    reader->runtimeReadings["context(name: \"quick\")"] = {{}, {container("q", true)}, {}, {}};
+    reader->runtimeReadings["context(name: \"quick\")"] = {{}, {running("q")}, {}, {}};
     reader->runtimeReadings["context(name: \"slow\")"] = {{}, {}, {}, "the engine did not answer"};
     reader->hold("context(name: \"slow\")");
     auto model = make();
@@ -196,16 +196,14 @@ TEST_F(ModelTest, ThresholdsSettingsAndSearch) {
 
     std::vector<PortRow> rows{row(5432, "postgres"), row(54321, "other"), row(80, "Web5432")};
     rows[1].project = ProjectInfo{"~/src/Shop", true};
-    auto ports = [](const std::vector<PortRow>& r) {
-        std::vector<uint16_t> out;
-        for (const auto& x : r)
-            out.push_back(x.port);
-        return out;
-    };
-    EXPECT_EQ(ports(AppModel::filter(rows, " 5432 \n")), std::vector<uint16_t>{5432});
-    EXPECT_EQ(ports(AppModel::filter(rows, "shop")), std::vector<uint16_t>{54321});
-    EXPECT_EQ(ports(AppModel::filter(rows, "WEB")), std::vector<uint16_t>{80});
-    EXPECT_EQ(AppModel::filter(rows, "  ").size(), 3u);
+    const std::pair<const char*, std::vector<uint16_t>> searches[] = {
+        {" 5432 \n", {5432}}, {"shop", {54321}}, {"WEB", {80}}, {"  ", {5432, 54321, 80}}};
+    for (const auto& [search, expected] : searches) {
+        std::vector<uint16_t> found;
+        for (const auto& r : AppModel::filter(rows, search))
+            found.push_back(r.port);
+        EXPECT_EQ(found, expected) << search;
+    }
 }
 
 TEST_F(ModelTest, AConfirmedStopActsOnThePlanShownThenReportsAndRefreshes) {

@@ -9,14 +9,16 @@ namespace {
 
 using nlohmann::json;
 
-RuntimeReport podmanReport() {
+RuntimeReport report(RuntimeKind kind, std::string name, RuntimeStatus status,
+                     std::optional<std::string> socket = std::nullopt) {
     RuntimeReport r;
-    r.runtime = {RuntimeKind{RuntimeKind::Podman{}},
-                 "Podman",
-                 "/run/podman/podman.sock",
-                 std::nullopt,
-                 RuntimeStatus::running,
-                 {}};
+    r.runtime = {std::move(kind), std::move(name), std::move(socket), std::nullopt, status, {}};
+    return r;
+}
+
+RuntimeReport podmanReport() {
+    RuntimeReport r = report({RuntimeKind::Podman{}}, "Podman", RuntimeStatus::running,
+                             "/run/podman/podman.sock");
     r.containers = {{"aaaa",
                      {"/web\x1b[31m"},
                      "img:1",
@@ -34,24 +36,14 @@ RuntimeReport podmanReport() {
 
 RuntimeReport contextReport(const std::string& name, RuntimeStatus status,
                             std::optional<std::string> socket) {
-    RuntimeReport r;
-    r.runtime = {RuntimeKind{RuntimeKind::Context{name}},
-                 "Docker context " + name,
-                 std::move(socket),
-                 std::nullopt,
-                 status,
-                 {}};
-    return r;
+    return report({RuntimeKind::Context{name}}, "Docker context " + name, status,
+                  std::move(socket));
 }
 
 TEST(ContainersCommandTest, JsonForEachRuntimeState) {
-    RuntimeReport colima;
-    colima.runtime = {RuntimeKind{RuntimeKind::Colima{"default"}},
-                      "Colima (default)",
-                      std::nullopt,
-                      std::nullopt,
-                      RuntimeStatus::notRunning,
-                      {"/h/.colima/_lima/colima/disk"}};
+    RuntimeReport colima =
+        report({RuntimeKind::Colima{"default"}}, "Colima (default)", RuntimeStatus::notRunning);
+    colima.runtime.diskImagePaths = {"/h/.colima/_lima/colima/disk"};
     colima.diskFiles = {{"/h/.colima/_lima/colima/disk", 4096, 1 << 20}};
     RuntimeReport remote = contextReport("far", RuntimeStatus::notRunning, std::nullopt);
     remote.runtime.remoteEndpoint = "tcp://192.168.1.5:2376";
@@ -86,13 +78,8 @@ TEST(ContainersCommandTest, JsonForEachRuntimeState) {
 }
 
 TEST(ContainersCommandTest, TextShowsStateContainersAndSizesSafely) {
-    RuntimeReport stopped;
-    stopped.runtime = {RuntimeKind{RuntimeKind::DockerEngine{}},
-                       "Docker Engine",
-                       std::nullopt,
-                       std::nullopt,
-                       RuntimeStatus::notRunning,
-                       {}};
+    const RuntimeReport stopped =
+        report({RuntimeKind::DockerEngine{}}, "Docker Engine", RuntimeStatus::notRunning);
     RuntimeReport noSizes = podmanReport();
     noSizes.sizes.reset();
     noSizes.sizesError = "Could not read sizes (the engine did not answer in time).";

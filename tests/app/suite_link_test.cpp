@@ -48,28 +48,23 @@ using testing::TempDir;
 
 TEST(WharfyGlance, MetricsAndLevelFollowTheCounts) {
     using L = SuiteLevel;
+    const auto metric = [](const char* id, const char* label) {
+        return [=](int value, L level = L::ok) { return SuiteMetric{id, label, value, level}; };
+    };
+    const auto servers = metric("servers", "Servers"),
+               exposed = metric("exposed", "Open to network"),
+               containers = metric("containers", "Containers"),
+               agents = metric("agents", "Agents busy");
     struct Case {
         WharfyCounts counts;
         std::vector<SuiteMetric> metrics;
         SuiteLevel level;
     };
     const std::vector<Case> cases{
-        {{12, 2, std::nullopt, 1, false, 0},
-         {{"servers", "Servers", 12, L::ok},
-          {"exposed", "Open to network", 2, L::ok},
-          {"agents", "Agents busy", 1, L::ok}},
-         L::ok},
-        {{0, 0, 4, 0, false, 3},
-         {{"servers", "Servers", 0, L::ok},
-          {"exposed", "Open to network", 0, L::ok},
-          {"containers", "Containers", 4, L::ok},
-          {"agents", "Agents busy", 0, L::ok}},
-         L::notice},
+        {{12, 2, std::nullopt, 1, false, 0}, {servers(12), exposed(2), agents(1)}, L::ok},
+        {{0, 0, 4, 0, false, 3}, {servers(0), exposed(0), containers(4), agents(0)}, L::notice},
         {{1, 0, 0, 2, true, 3},
-         {{"servers", "Servers", 1, L::ok},
-          {"exposed", "Open to network", 0, L::ok},
-          {"containers", "Containers", 0, L::ok},
-          {"agents", "Agents busy", 2, L::alert}},
+         {servers(1), exposed(0), containers(0), agents(2, L::alert)},
          L::alert},
     };
     for (const auto& c : cases) {

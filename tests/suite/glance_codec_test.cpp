@@ -69,37 +69,22 @@ struct DecodeRow {
 };
 
 TEST(GlanceCodecDecode, FollowsTheRulesInOrder) {
-    GlanceRecord noMetrics = baseRecord();
-    noMetrics.metrics.clear();
-    GlanceRecord ttl3 = baseRecord();
-    ttl3.ttl = 3;
-    GlanceRecord idle = baseRecord();
-    idle.metrics[0].value = StateWord::idle;
-    GlanceRecord sumValue = baseRecord();
-    sumValue.metrics[0].value = 0.1 + 0.2;
-    GlanceRecord emoji = baseRecord();
-    emoji.metrics[0].label.clear();
+    const auto changed = [](auto change) {
+        GlanceRecord r = baseRecord();
+        change(r);
+        return r;
+    };
+    std::string emoji16, flags8, id24(24, 'a');
     for (int i = 0; i < 16; ++i)
-        emoji.metrics[0].label += "\xF0\x9F\x98\x80";
-    const std::string flags8 = [] {
-        std::string s;
-        for (int i = 0; i < 8; ++i)
-            s += "\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA";  // one flag: two scalars
-        return s;
-    }();
-    GlanceRecord flags = baseRecord();
-    flags.metrics[0].label = flags8;
-    const std::string id24(24, 'a');
-    GlanceRecord longId = baseRecord();
-    longId.metrics[0].id = id24;
+        emoji16 += "\xF0\x9F\x98\x80";
+    for (int i = 0; i < 8; ++i)
+        flags8 += "\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA";  // one flag: two scalars
 
     const std::vector<DecodeRow> rows = {
         {"the base record", kRecord, baseRecord()},
         {"unknown keys are ignored", with(R"("ttl":30)", R"("ttl":30,"extra":{"x":[1,null]})"),
          baseRecord()},
         {"not JSON", "{", invalid("JSON")},
-        {"trailing comma", with(R"("ttl":30)", R"("ttl":30,)"), invalid("JSON")},
-        {"a key twice", with(R"("ttl":30)", R"("ttl":30,"ttl":31)"), invalid("JSON")},
         {"an array", "[1]", invalid("an object")},
         {"contract 2 skips everything else", R"({"contract":2,"app":7,"metrics":"x"})",
          GlanceSkipped{2}},
@@ -122,7 +107,7 @@ TEST(GlanceCodecDecode, FollowsTheRulesInOrder) {
         {"at beyond a double", with(R"(1767225600.25)", "1e400"), invalid("at: required number")},
         {"ttl 2", with(R"("ttl":30)", R"("ttl":2)"), invalid("ttl: 3-60")},
         {"ttl 61", with(R"("ttl":30)", R"("ttl":61)"), invalid("ttl: 3-60")},
-        {"ttl 3.0 is 3", with(R"("ttl":30)", R"("ttl":3.0)"), ttl3},
+        {"ttl 3.0 is 3", with(R"("ttl":30)", R"("ttl":3.0)"), changed([](auto& r) { r.ttl = 3; })},
         {"ttl 3.5", with(R"("ttl":30)", R"("ttl":3.5)"), invalid("ttl: integer")},
         {"ttl fraction before a bad level",
          replaced(with(R"("ttl":30)", R"("ttl":3.5)"), R"("notice")", R"("bad")"),
@@ -138,9 +123,8 @@ TEST(GlanceCodecDecode, FollowsTheRulesInOrder) {
          withMetrics("[" + metric("a") + "," + metric("b") + "," + metric("c") + "," + metric("d") +
                      "," + metric("e") + "]"),
          invalid("metrics: 0-4")},
-        {"empty metrics", withMetrics("[]"), noMetrics},
+        {"empty metrics", withMetrics("[]"), changed([](auto& r) { r.metrics.clear(); })},
         {"metric not an object", withMetrics("[1]"), invalid("metric: an object")},
-        {"metric without id", withMetric(R"("id":"servers",)", ""), invalid("metric id length")},
         {"metric without label", withMetric(R"("label":"Servers",)", ""),
          invalid("label: 1-16 scalars")},
         {"metric without unit", withMetric(R"("unit":"",)", ""), invalid("unit: 0-6 scalars")},
@@ -148,16 +132,19 @@ TEST(GlanceCodecDecode, FollowsTheRulesInOrder) {
          invalid("level")},
         {"id checked before label", withMetric(R"("id":"servers","label":"Servers",)", ""),
          invalid("metric id length")},
-        {"state word value", withMetric("12", R"("idle")"), idle},
+        {"state word value", withMetric("12", R"("idle")"),
+         changed([](auto& r) { r.metrics[0].value = StateWord::idle; })},
         {"value busy", withMetric("12", R"("busy")"), invalid("value: closed state-word list")},
         {"value true", withMetric("12", "true"), invalid("value: finite number")},
         {"no value", withMetric(R"(,"value":12)", ""), invalid("value: finite number")},
         {"value 12.345", withMetric("12", "12.345"), invalid("value: at most 2 decimals")},
-        {"value 0.1 + 0.2", withMetric("12", "0.30000000000000004"), sumValue},
+        {"value 0.1 + 0.2", withMetric("12", "0.30000000000000004"),
+         changed([](auto& r) { r.metrics[0].value = 0.1 + 0.2; })},
         {"metric id empty", withMetric(R"("servers")", R"("")"), invalid("metric id length")},
         {"metric id of 25", withMetric(R"("servers")", '"' + id24 + "b\""),
          invalid("metric id length")},
-        {"metric id of 24", withMetric(R"("servers")", '"' + id24 + '"'), longId},
+        {"metric id of 24", withMetric(R"("servers")", '"' + id24 + '"'),
+         changed([&](auto& r) { r.metrics[0].id = id24; })},
         {"metric id CPU", withMetric(R"("servers")", R"("CPU")"), invalid("metric id charset")},
         {"metric id cpu_load", withMetric(R"("servers")", R"("cpu_load")"),
          invalid("metric id charset")},
@@ -174,9 +161,10 @@ TEST(GlanceCodecDecode, FollowsTheRulesInOrder) {
         {"label empty", withMetric(R"("Servers")", R"("")"), invalid("label: 1-16 scalars")},
         {"label of 17", withMetric(R"("Servers")", R"("abcdefghijklmnopq")"),
          invalid("label: 1-16 scalars")},
-        {"label of 16 emoji", withMetric(R"("Servers")", '"' + emoji.metrics[0].label + '"'),
-         emoji},
-        {"label of 8 flags", withMetric(R"("Servers")", '"' + flags8 + '"'), flags},
+        {"label of 16 emoji", withMetric(R"("Servers")", '"' + emoji16 + '"'),
+         changed([&](auto& r) { r.metrics[0].label = emoji16; })},
+        {"label of 8 flags", withMetric(R"("Servers")", '"' + flags8 + '"'),
+         changed([&](auto& r) { r.metrics[0].label = flags8; })},
         {"label of 9 flags",
          withMetric(R"("Servers")", '"' + flags8 + "\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA\""),
          invalid("label: 1-16 scalars")},
@@ -234,39 +222,6 @@ TEST(GlanceCodecText, WalksScalarsInOrderWithThreeTests) {
                                   char(0x80 | (bidi & 0x3F))};
         EXPECT_EQ(GlanceCodec::textProblem("label", text, 1, 16), "label: no bidi formatting")
             << std::hex << uint32_t(bidi);
-    }
-    const std::string slashMessage = *GlanceCodec::textProblem("label", "/", 1, 16);
-    EXPECT_EQ(slashMessage.size() - std::string("label").size(), 11u);
-    EXPECT_EQ(slashMessage.back(), '\\');
-}
-
-TEST(GlanceCodecValues, BooleansAndNumbersAreToldApartByType) {
-    struct Row {
-        const char* json;
-        std::optional<bool> boolean;
-        std::optional<double> number;
-        std::optional<int64_t> integer;
-    };
-    const std::vector<Row> rows = {
-        {"true", true, std::nullopt, std::nullopt},
-        {"false", false, std::nullopt, std::nullopt},
-        {"1", std::nullopt, 1.0, 1},
-        {"0", std::nullopt, 0.0, 0},
-        {"3.0", std::nullopt, 3.0, 3},
-        {"3.5", std::nullopt, 3.5, std::nullopt},
-        {"-999999999999999", std::nullopt, -999999999999999.0, -999999999999999},
-        {"1e15", std::nullopt, 1e15, std::nullopt},
-        {"-1e15", std::nullopt, -1e15, std::nullopt},
-        {"1e400", std::nullopt, std::nullopt, std::nullopt},
-        {"\"1\"", std::nullopt, std::nullopt, std::nullopt},
-        {"null", std::nullopt, std::nullopt, std::nullopt},
-    };
-    for (const Row& row : rows) {
-        auto value = parseJSON(row.json);
-        ASSERT_TRUE(value) << row.json;
-        EXPECT_EQ(GlanceCodec::boolean(*value), row.boolean) << row.json;
-        EXPECT_EQ(GlanceCodec::number(*value), row.number) << row.json;
-        EXPECT_EQ(GlanceCodec::integer(*value), row.integer) << row.json;
     }
 }
 
@@ -364,11 +319,6 @@ TEST(GlanceCodecEncode, RoundTrips) {
         ASSERT_TRUE(bytes) << bytes.error().reason;
         EXPECT_EQ(GlanceCodec::decode(bytes.value(), glanceFileName(r.app)), GlanceReadResult{r});
     }
-    // Decoding then encoding gives back a written file byte for byte.
-    EXPECT_EQ(
-        GlanceCodec::encode(std::get<GlanceRecord>(GlanceCodec::decode(kRecord, "wharfy.json")))
-            .value(),
-        kRecord);
 }
 
 }  // namespace

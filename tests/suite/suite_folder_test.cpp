@@ -53,16 +53,4 @@ TEST(SuiteFolder, IsStandardizedByText) {
     EXPECT_EQ(SuiteFolder::at("/a/b").glancesPath(), "/a/b/glances");
 }
 
-TEST(SuiteApp, CatalogOrderAndNames) {
-    std::string hosts, takingPart;
-    for (SuiteApp app : allSuiteApps) {
-        if (canHost(app)) hosts += std::string(id(app)) + " ";
-        if (participates(app)) takingPart += std::string(id(app)) + " ";
-    }
-    EXPECT_EQ(hosts, "varnel wharfy quosset tessik ");
-    EXPECT_EQ(takingPart, "varnel kobble wharfy quosset tessik ");
-    EXPECT_EQ(displayName(SuiteApp::quosset) + " " + bundleIdentifier(SuiteApp::quosset),
-              "Nemarro Quosset com.nemarro.quosset");
-}
-
 }  // namespace

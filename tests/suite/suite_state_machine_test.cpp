@@ -187,10 +187,6 @@ TEST(SuiteStateMachine, MenuBarShowsAtMostTwoValues) {
     };
     for (const Row& row : rows)
         EXPECT_EQ(m.menuBarValues(row.chosen), row.expected) << row.name;
-
-    SuiteStateMachine none;
-    none.update(records({{V, 0}}), 0);
-    EXPECT_TRUE(none.menuBarValues(std::nullopt).empty());
 }
 
 TEST(PublishSchedule, RewritesChangesAtOnceAndTheSameRecordEveryHalfTTL) {

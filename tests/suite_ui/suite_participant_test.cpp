@@ -189,7 +189,7 @@ TEST_F(ParticipantTest, AnInvalidReadoutIsLoggedOnceAndNeverWritten) {
 
 TEST_F(ParticipantTest, TheLaterRecordWinsBetweenFolders) {
     const SuiteFolder second = SuiteFolder::at(dir.path() + "/second");
-    ASSERT_TRUE(folder.prepare() && second.prepare());
+    ASSERT_TRUE(second.prepare());
     put(record(SuiteApp::kobble, t0 - 5, GlanceState::running, {metric("a", 1)}), folder);
     put(record(SuiteApp::kobble, t0 - 1, GlanceState::running, {metric("a", 2)}), second);
     put(record(SuiteApp::tessik, t0, GlanceState::running, {metric("a", 1)}), folder);
@@ -225,12 +225,6 @@ TEST_F(ParticipantTest, HostsOnlyWhileHoldingTheLockAndTheSuiteIsActive) {
     const auto rewritten = onDisk(SuiteApp::wharfy);
     EXPECT_FALSE(rewritten->hosting);
     EXPECT_EQ(rewritten->at, t0 + 12) << "not put off to the next half ttl";
-
-    loop.advance(48);
-    EXPECT_EQ(rowApps(*p), (std::vector<std::string>{"kobble gone", "wharfy"}))
-        << "60 s after kobble was last fresh";
-    loop.advance(5);
-    EXPECT_EQ(rowApps(*p), std::vector<std::string>{"wharfy"});
 }
 
 TEST_F(ParticipantTest, OnlyAHostCapableAppWithASurfaceTakesTheLock) {

@@ -42,146 +42,63 @@ TEST(Keys, Table) {
     const auto ids = listOf({"a", "b", "c", "d"});
     KeyContext confirming = ids;
     confirming.confirming = true;
-    const UiState portsB = on(ViewTab::ports, "b");
-    const UiState searching = with(on(ViewTab::ports, "b"), [](UiState& s) {
-        s.editing = Editing::portSearch;
-        s.portSearch = "30";
-    });
-    const UiState cleanup = with(on(ViewTab::containers, "runtime:podman"), [](UiState& s) {
-        s.overlay = Overlay::cleanup;
-        s.menuCursor = 1;
-    });
+    const UiState a = on(ViewTab::ports, "a"), b = on(ViewTab::ports, "b");
+    const UiState gone = on(ViewTab::ports, "gone");
+    const UiState bOnStop = with(b, [](UiState& s) { s.focusOnConfirm = true; });
+    const auto searching = [](std::string text, std::string selected = "b") {
+        return with(on(ViewTab::ports, std::move(selected)), [&](UiState& s) {
+            s.editing = Editing::portSearch;
+            s.portSearch = text;
+        });
+    };
+    const auto menuAt = [](int cursor, Overlay overlay = Overlay::cleanup) {
+        return with(on(ViewTab::containers, "runtime:podman"), [&](UiState& s) {
+            s.overlay = overlay;
+            s.menuCursor = cursor;
+        });
+    };
+    const UiState alertRow = with(on(ViewTab::settings), [](UiState& s) { s.settingsRow = 2; });
+    const UiState help = with(b, [](UiState& s) { s.overlay = Overlay::help; });
+    const Action none;
+    const auto act = [](A kind, std::string text = "", int index = 0) {
+        return Action{kind, std::move(text), index, 0};
+    };
     const Row rows[] = {
-        {"down moves by identity", portsB, Key::of(K::down), ids, on(ViewTab::ports, "c"), {}},
-        {"up stops at the top",
-         on(ViewTab::ports, "a"),
-         Key::of(K::up),
-         ids,
-         on(ViewTab::ports, "a"),
-         {}},
-        {"end", portsB, Key::of(K::end), ids, on(ViewTab::ports, "d"), {}},
-        {"page down",
-         portsB,
-         Key::of(K::pageDown),
-         listOf({"a", "b", "c", "d"}, 3),
-         on(ViewTab::ports, "d"),
-         {}},
-        {"wheel", portsB, Key::of(K::wheelUp), ids, on(ViewTab::ports, "a"), {}},
-        {"a lost selection starts at the top",
-         on(ViewTab::ports, "gone"),
-         Key::of(K::down),
-         ids,
-         on(ViewTab::ports, "a"),
-         {}},
-        {"F9 stops the selected row", portsB, Key::of(K::f9), ids, portsB, {A::stop, "b", 0, 0}},
-        {"k stops", portsB, Key::chr('k'), ids, portsB, {A::stop, "b", 0, 0}},
-        {"Delete stops", portsB, Key::of(K::deleteKey), ids, portsB, {A::stop, "b", 0, 0}},
-        {"no stop without a shown selection", on(ViewTab::ports, "zz"), Key::of(K::f9), ids,
-         on(ViewTab::ports, "zz"), Action::of(A::dismiss)},
-        {"q quits", portsB, Key::chr('q'), ids, portsB, Action::of(A::quit)},
-        {"F10 quits", portsB, Key::of(K::f10), ids, portsB, Action::of(A::quit)},
-        {"3 opens agents",
-         portsB,
-         Key::chr('3'),
-         ids,
-         with(portsB, [](UiState& s) { s.tab = ViewTab::agents; }),
-         {A::showTab, "", 2, 0}},
-        {"shift-tab wraps",
-         portsB,
-         Key::of(K::backTab),
-         ids,
-         with(portsB, [](UiState& s) { s.tab = ViewTab::settings; }),
-         {A::showTab, "", 4, 0}},
-        {"/ starts the search",
-         portsB,
-         Key::chr('/'),
-         ids,
-         with(portsB, [](UiState& s) { s.editing = Editing::portSearch; }),
-         {}},
-        {"typing searches",
-         searching,
-         Key::chr('0'),
-         ids,
-         with(searching, [](UiState& s) { s.portSearch = "300"; }),
-         {A::setPortSearch, "300", 0, 0}},
-        {"q is typed while searching",
-         searching,
-         Key::chr('q'),
-         ids,
-         with(searching, [](UiState& s) { s.portSearch = "30q"; }),
-         {A::setPortSearch, "30q", 0, 0}},
-        {"Esc clears the search", searching, Key::of(K::escape), ids,
-         with(searching,
-              [](UiState& s) {
-                  s.portSearch.clear();
-                  s.editing = Editing::none;
-              }),
-         Action::of(A::setPortSearch)},
-        {"arrows move while searching",
-         searching,
-         Key::of(K::down),
-         ids,
-         with(searching, [](UiState& s) { s.selected[0] = "c"; }),
-         {}},
-        {"confirmation: y confirms", portsB, Key::chr('y'), confirming, portsB,
-         Action::of(A::confirm)},
-        {"confirmation: Enter on Cancel cancels", portsB, Key::of(K::enter), confirming, portsB,
-         Action::of(A::cancel)},
-        {"confirmation: Tab moves to Stop",
-         portsB,
-         Key::of(K::tab),
-         confirming,
-         with(portsB, [](UiState& s) { s.focusOnConfirm = true; }),
-         {}},
-        {"confirmation: Enter on Stop confirms",
-         with(portsB, [](UiState& s) { s.focusOnConfirm = true; }), Key::of(K::enter), confirming,
-         with(portsB, [](UiState& s) { s.focusOnConfirm = true; }), Action::of(A::confirm)},
-        {"confirmation: Esc cancels", portsB, Key::of(K::escape), confirming, portsB,
-         Action::of(A::cancel)},
-        {"confirmation holds q and F9", portsB, Key::chr('q'), confirming, portsB, {}},
-        {"confirmation holds navigation", portsB, Key::of(K::down), confirming, portsB, {}},
-        {"Ctrl-C quits even then", portsB, Key::of(K::ctrlC), confirming, portsB,
-         Action::of(A::quit)},
-        {"c opens the clean-up menu",
-         on(ViewTab::containers, "runtime:podman"),
-         Key::chr('c'),
-         ids,
-         with(cleanup, [](UiState& s) { s.menuCursor = 0; }),
-         {A::openCleanup, "runtime:podman", 0, 0}},
-        {"menu: down",
-         cleanup,
-         Key::of(K::down),
-         ids,
-         with(cleanup, [](UiState& s) { s.menuCursor = 2; }),
-         {}},
-        {"menu: stays inside",
-         with(cleanup, [](UiState& s) { s.menuCursor = 2; }),
-         Key::of(K::down),
-         ids,
-         with(cleanup, [](UiState& s) { s.menuCursor = 2; }),
-         {}},
-        {"menu: Enter chooses",
-         cleanup,
-         Key::of(K::enter),
-         ids,
-         with(cleanup, [](UiState& s) { s.overlay = Overlay::none; }),
-         {A::chooseCleanup, "", 1, 0}},
-        {"settings: space switches an alert",
-         with(on(ViewTab::settings), [](UiState& s) { s.settingsRow = 2; }),
-         Key::chr(' '),
-         ids,
-         with(on(ViewTab::settings), [](UiState& s) { s.settingsRow = 2; }),
-         {A::toggleSetting, "", 2, 0}},
-        {"settings: right raises the threshold",
-         on(ViewTab::settings),
-         Key::of(K::right),
-         ids,
-         on(ViewTab::settings),
-         {A::adjustSetting, "", 0, 1}},
-        {"focus lost", portsB, Key::of(K::focusOut), ids, portsB, Action::of(A::focusLost)},
-        {"help opens and any key closes it",
-         with(portsB, [](UiState& s) { s.overlay = Overlay::help; }), Key::chr('q'), ids, portsB,
-         Action::of(A::dismiss)},
+        {"down moves by identity", b, Key::of(K::down), ids, on(ViewTab::ports, "c"), none},
+        {"up stops at the top", a, Key::of(K::up), ids, a, none},
+        {"page down", b, Key::of(K::pageDown), listOf({"a", "b", "c", "d"}, 3),
+         on(ViewTab::ports, "d"), none},
+        {"a lost selection starts at the top", gone, Key::of(K::down), ids, a, none},
+        {"F9 stops the selected row", b, Key::of(K::f9), ids, b, act(A::stop, "b")},
+        {"no stop without a shown selection", gone, Key::of(K::f9), ids, gone, act(A::dismiss)},
+        {"q quits", b, Key::chr('q'), ids, b, act(A::quit)},
+        {"shift-tab wraps", b, Key::of(K::backTab), ids,
+         with(b, [](UiState& s) { s.tab = ViewTab::settings; }), act(A::showTab, "", 4)},
+        {"typing searches", searching("30"), Key::chr('0'), ids, searching("300"),
+         act(A::setPortSearch, "300")},
+        {"q is typed while searching", searching("30"), Key::chr('q'), ids, searching("30q"),
+         act(A::setPortSearch, "30q")},
+        {"arrows move while searching", searching("30"), Key::of(K::down), ids,
+         searching("30", "c"), none},
+        {"confirmation: y confirms", b, Key::chr('y'), confirming, b, act(A::confirm)},
+        {"confirmation: Enter on Cancel cancels", b, Key::of(K::enter), confirming, b,
+         act(A::cancel)},
+        {"confirmation: Tab moves to Stop", b, Key::of(K::tab), confirming, bOnStop, none},
+        {"confirmation: Enter on Stop confirms", bOnStop, Key::of(K::enter), confirming, bOnStop,
+         act(A::confirm)},
+        {"confirmation: Esc cancels", b, Key::of(K::escape), confirming, b, act(A::cancel)},
+        {"confirmation holds q", b, Key::chr('q'), confirming, b, none},
+        {"confirmation holds navigation", b, Key::of(K::down), confirming, b, none},
+        {"Ctrl-C quits even then", b, Key::of(K::ctrlC), confirming, b, act(A::quit)},
+        {"c opens the clean-up menu", on(ViewTab::containers, "runtime:podman"), Key::chr('c'), ids,
+         menuAt(0), act(A::openCleanup, "runtime:podman")},
+        {"menu: down", menuAt(1), Key::of(K::down), ids, menuAt(2), none},
+        {"menu: stays inside", menuAt(2), Key::of(K::down), ids, menuAt(2), none},
+        {"menu: Enter chooses", menuAt(1), Key::of(K::enter), ids, menuAt(1, Overlay::none),
+         act(A::chooseCleanup, "", 1)},
+        {"settings: space switches an alert", alertRow, Key::chr(' '), ids, alertRow,
+         act(A::toggleSetting, "", 2)},
+        {"help: any key closes it", help, Key::chr('q'), ids, b, act(A::dismiss)},
     };
     for (const auto& row : rows) {
         const KeyStep step = handleKey(row.state, row.key, row.context);
@@ -209,7 +126,6 @@ TEST(Keys, ClicksSelectTheRowAndTheTabUnderThePointer) {
     context.geometry.tabRow = 1;
     context.geometry.tabSpans[3] = {40, 51};
     context.geometry.listY = 3;
-    context.geometry.listRows = 10;
     context.geometry.lineIds = {"", "b", "c"};  // a header line, then two rows
     EXPECT_EQ(handleKey(on(ViewTab::ports, "a"), Key::clickAt(5, 5), context).state,
               on(ViewTab::ports, "c"));

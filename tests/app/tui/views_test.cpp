@@ -105,13 +105,6 @@ TEST(Views, StopConfirmationShowsThePlanAndStartsOnCancel) {
     EXPECT_TRUE(contains(narrow, "Sends SIGTERM once. Wharfy never forces"));
 }
 
-TEST(Views, RefusalIsShownAsANotice) {
-    ViewData data = samples::data();
-    data.notice = Notice{"Wharfy never stops zsh.", true, 0};
-    const Screen s = renderWindow(data, UiState{}, 80, 24).screen;
-    EXPECT_EQ(s.line(22), " Wharfy never stops zsh.");
-}
-
 TEST(Views, CleanupMenuPreviewsExactlyWhatEachChoiceRemoves) {
     const CleanupMenu menu = cleanupMenu(samples::busyRuntime());
     ASSERT_EQ(menu.entries.size(), 5u);

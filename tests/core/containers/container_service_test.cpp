@@ -34,7 +34,8 @@ class ContainerServiceTest : public ::testing::Test {
             FakeEngineTransport::response(
                 200, R"({"Volumes":[{"Name":"v","UsageData":{"RefCount":0,"Size":3}}]})"));
         fast->answers.insert_or_assign(
-            kDangling, FakeEngineTransport::response(200, R"([{"Id":"sha256:d"}])"));
+            kDangling, FakeEngineTransport::response(
+                           200, R"([{"Id":"sha256:d"},{"Id":"sha256:e","RepoTags":null}])"));
     }
     size_t dfRequests() const {
         return static_cast<size_t>(
@@ -46,7 +47,7 @@ TEST_F(ContainerServiceTest, ReadsDiskUseOnTheSlowClientAndDanglingOnTheFastOne)
     auto r = service.sizes(false);
     ASSERT_TRUE(r.ok()) << r.error().description();
     EXPECT_EQ(r.value().usage.volumes.size(), 1u);
-    EXPECT_EQ(r.value().danglingImageIDs, std::vector<std::string>{"sha256:d"});
+    EXPECT_EQ(r.value().danglingImageIDs, (std::vector<std::string>{"sha256:d", "sha256:e"}));
     EXPECT_EQ(r.value().readAt, 1000.0);
     EXPECT_EQ(dfRequests(), 1u);
     EXPECT_EQ(fast->requests.back(), kDangling);

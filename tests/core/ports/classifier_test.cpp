@@ -28,57 +28,50 @@ ListenerFacts facts(std::string name, std::optional<std::string> path,
     return {100, port, std::move(name), std::move(path), std::move(args), std::move(label)};
 }
 
+const R kSystem{R::AppleSystem{}};
+const R kPlain{R::PlainProcess{}};
+const auto forwarder = [](const char* runtime) { return R{R::ContainerForwarder{runtime}}; };
+const auto app = [](const char* name) { return R{R::PartOfApp{name}}; };
+
+struct Case {
+    const char* what;
+    ListenerFacts facts;
+    R expected;
+};
+
 TEST(ListenerClassifier, MacRulesInOrder) {
     auto c = macClassifier({"/usr/local/bin/signed"});
-    struct Case {
-        const char* what;
-        ListenerFacts facts;
-        R expected;
-    };
+    const std::string controlCenter = "/System/Library/CoreServices/ControlCenter.app/x";
     const Case cases[] = {
-        {"lima forwarder",
-         facts("limactl", "/opt/homebrew/bin/limactl"),
-         {R::ContainerForwarder{"Colima"}}},
+        {"lima forwarder", facts("limactl", "/opt/homebrew/bin/limactl"), forwarder("Colima")},
         {"ssh into a colima vm",
          facts("ssh", "/usr/bin/ssh", std::nullopt, 80, {"ssh", "-F", "/Users/ana/.colima/ssh"}),
-         {R::ContainerForwarder{"Colima"}}},
-        {"runtime wins over a system path",
-         facts("com.docker.backend", "/usr/sbin/x"),
-         {R::ContainerForwarder{"Docker Desktop"}}},
-        {"orbstack",
-         facts("OrbStack Helper", "/Applications/OrbStack.app/Contents/MacOS/x"),
-         {R::ContainerForwarder{"OrbStack"}}},
-        {"system path", facts("cupsd", "/usr/sbin/cupsd"), {R::AppleSystem{}}},
+         forwarder("Colima")},
+        {"runtime wins over a system path", facts("com.docker.backend", "/usr/sbin/x"),
+         forwarder("Docker Desktop")},
+        {"system path", facts("cupsd", "/usr/sbin/cupsd"), kSystem},
         {"AirPlay receiver on 7000",
-         facts("ControlCenter", "/System/Library/CoreServices/ControlCenter.app/x", std::nullopt,
-               7000),
+         facts("ControlCenter", controlCenter, std::nullopt, 7000),
          {R::AppleSystem{"System Settings → General → AirDrop & Handoff → AirPlay Receiver"}}},
-        {"ControlCenter on another port",
-         facts("ControlCenter", "/System/Library/CoreServices/ControlCenter.app/x", std::nullopt,
-               8000),
-         {R::AppleSystem{}}},
-        {"com.apple label, signed",
-         facts("signed", "/usr/local/bin/signed", "com.apple.x"),
-         {R::AppleSystem{}}},
-        {"com.apple label, unsigned",
-         facts("u", "/usr/local/bin/u", "com.apple.x"),
-         {R::PlainProcess{}}},
+        {"ControlCenter on another port", facts("ControlCenter", controlCenter, std::nullopt, 8000),
+         kSystem},
+        {"com.apple label, signed", facts("signed", "/usr/local/bin/signed", "com.apple.x"),
+         kSystem},
+        {"com.apple label, unsigned", facts("u", "/usr/local/bin/u", "com.apple.x"), kPlain},
         {"com.apple label in home is never trusted",
-         facts("signed", "/Users/ana/bin/signed", "com.apple.x"),
-         {R::PlainProcess{}}},
+         facts("signed", "/Users/ana/bin/signed", "com.apple.x"), kPlain},
         {"outermost bundle wins",
          facts("Bar", "/Applications/Foo.app/Contents/Frameworks/Bar.app/Contents/MacOS/Bar"),
-         {R::PartOfApp{"Foo"}}},
-        {"app label",
-         facts("Tool", "/opt/tool", "application.com.example.Tool.12345.67890"),
-         {R::PartOfApp{"Tool"}}},
+         app("Foo")},
+        {"app label", facts("Tool", "/opt/tool", "application.com.example.Tool.12345.67890"),
+         app("Tool")},
         {"homebrew service",
          facts("redis-server", "/opt/homebrew/bin/redis", "homebrew.mxcl.redis"),
          {R::BackgroundService{"homebrew.mxcl.redis", "brew services stop redis", false}}},
         {"kept-alive agent",
          facts("agent", "/opt/agent", "com.kept"),
          {R::BackgroundService{"com.kept", "launchctl bootout gui/501/com.kept", true}}},
-        {"plain", facts("node", "/opt/homebrew/bin/node"), {R::PlainProcess{}}},
+        {"plain", facts("node", "/opt/homebrew/bin/node"), kPlain},
     };
     for (const auto& k : cases)
         EXPECT_EQ(c.classify(k.facts), k.expected) << k.what;
@@ -89,32 +82,16 @@ TEST(ListenerClassifier, LinuxUnitsProgramsAndContainerEngines) {
     auto service = [](const char* label, const char* command) {
         return R{R::BackgroundService{label, command, std::nullopt}};
     };
-    struct Case {
-        const char* what;
-        ListenerFacts facts;
-        R expected;
-    };
     const Case cases[] = {
-        {"docker proxy",
-         facts("docker-proxy", "/usr/bin/docker-proxy", "system/docker.service"),
-         {R::ContainerForwarder{"Docker Engine"}}},
-        {"rootless docker",
-         facts("rootlesskit", "/usr/bin/rootlesskit"),
-         {R::ContainerForwarder{"Docker Engine"}}},
-        {"podman's conmon", facts("conmon", "/usr/bin/conmon"), {R::ContainerForwarder{"Podman"}}},
-        {"pasta", facts("pasta", "/usr/bin/pasta"), {R::ContainerForwarder{"Podman"}}},
+        {"docker proxy", facts("docker-proxy", "/usr/bin/docker-proxy", "system/docker.service"),
+         forwarder("Docker Engine")},
+        {"podman's conmon", facts("conmon", "/usr/bin/conmon"), forwarder("Podman")},
         {"the service manager's own folder",
-         facts("systemd-resolve", "/usr/lib/systemd/systemd-resolved"),
-         {R::AppleSystem{}}},
-        {"a base-system unit",
-         facts("sshd", "/usr/sbin/sshd", "system/ssh.service"),
-         {R::AppleSystem{}}},
+         facts("systemd-resolve", "/usr/lib/systemd/systemd-resolved"), kSystem},
+        {"a base-system unit", facts("sshd", "/usr/sbin/sshd", "system/ssh.service"), kSystem},
         {"a base-system unit whose program cannot be read",
-         facts("cupsd", std::nullopt, "system/cups.service"),
-         {R::AppleSystem{}}},
-        {"a system program outside any unit",
-         facts("nginx", "/usr/sbin/nginx"),
-         {R::PlainProcess{}}},
+         facts("cupsd", std::nullopt, "system/cups.service"), kSystem},
+        {"a system program outside any unit", facts("nginx", "/usr/sbin/nginx"), kPlain},
         {"nginx from /usr/sbin in its unit",
          facts("nginx", "/usr/sbin/nginx", "system/nginx.service"),
          service("system/nginx.service", "sudo systemctl stop nginx.service")},
@@ -123,24 +100,16 @@ TEST(ListenerClassifier, LinuxUnitsProgramsAndContainerEngines) {
                "system/postgresql@15-main.service"),
          service("system/postgresql@15-main.service",
                  "sudo systemctl stop postgresql@15-main.service")},
-        {"python3 in a developer's unit",
-         facts("python3", "/usr/bin/python3", "system/myflask.service"),
-         service("system/myflask.service", "sudo systemctl stop myflask.service")},
-        {"the user's own unit",
-         facts("redis-server", "/usr/bin/redis-server", "user/1000/redis.service"),
-         service("user/1000/redis.service", "systemctl --user stop redis.service")},
         {"another user's unit", facts("api", "/opt/api", "user/1001/api.service"),
          service("user/1001/api.service", "systemctl --user -M 1001@ stop api.service")},
         {"a user unit named like a base service",
          facts("dbus-daemon", "/usr/bin/dbus-daemon", "user/1000/dbus.service"),
          service("user/1000/dbus.service", "systemctl --user stop dbus.service")},
-        {"snap",
-         facts("firefox", "/snap/firefox/4173/usr/lib/firefox/firefox"),
-         {R::PartOfApp{"firefox"}}},
+        {"snap", facts("firefox", "/snap/firefox/4173/usr/lib/firefox/firefox"), app("firefox")},
         {"flatpak app unit",
          facts("app", "/app/bin/app", "user/1000/app-flatpak-org.example.Editor-1234.scope"),
-         {R::PartOfApp{"Editor"}}},
-        {"plain", facts("node", "/usr/bin/node"), {R::PlainProcess{}}},
+         app("Editor")},
+        {"plain", facts("node", "/usr/bin/node"), kPlain},
     };
     for (const auto& k : cases)
         EXPECT_EQ(c.classify(k.facts), k.expected) << k.what;

@@ -66,11 +66,10 @@ TEST_F(PortScannerTest, OneProcessOnBothLoopbacksIsOneRowWithItsFacts) {
 }
 
 TEST_F(PortScannerTest, WorkersSharingASocketAreRowsSortedByPortThenPid) {
-    for (int32_t pid : {402, 401, 400})
+    for (int32_t pid : {402, 401, 400}) {
         env.add(pid, 1, "nginx", 501, "/opt/nginx");
-    env.listen(402, 8080, "0.0.0.0", C::any, 77);
-    env.listen(401, 8080, "0.0.0.0", C::any, 77);
-    env.listen(400, 8080, "0.0.0.0", C::any, 77);
+        env.listen(pid, 8080, "0.0.0.0", C::any, 77);
+    }
     env.listen(400, 80, "127.0.0.1", C::loopback, 78);
     auto rows = scan();
     ASSERT_EQ(rows.size(), 4u);

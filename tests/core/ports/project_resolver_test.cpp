@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "fake_files.h"
 
 namespace wharfy {
@@ -15,68 +13,36 @@ TEST(ProjectResolver, ResolvesAndAbbreviates) {
     struct Case {
         const char* what;
         const char* cwd;
-        std::set<std::string> gitFolders;
+        const char* gitFolder;  // the one git folder present, "" for none
         bool fullDiskAccess;
-        ProjectInfo expected;
+        const char* project;
+        bool isRepository;
         bool expectProbes;
     };
-    const std::string h = "/Users/ana";
     const Case cases[] = {
-        {"nearest git folder above",
-         "/Users/ana/src/app/server",
-         {"/Users/ana/src/app/.git"},
-         false,
-         {"~/src/app", true},
-         true},
-        {"home itself is never a project",
-         "/Users/ana",
-         {"/Users/ana/.git"},
-         true,
-         {"~", false},
+        {"nearest git folder above", "/Users/ana/src/app/server", "/Users/ana/src/app/.git", false,
+         "~/src/app", true, true},
+        {"home itself is never a project", "/Users/ana", "/Users/ana/.git", true, "~", false,
          false},
-        {"home's .git is not taken for a subfolder",
-         "/Users/ana/notes",
-         {"/Users/ana/.git"},
-         true,
-         {"~/notes", false},
+        {"home's .git is not taken for a subfolder", "/Users/ana/notes", "/Users/ana/.git", true,
+         "~/notes", false, true},
+        {"privacy folder without access: no probe", "/Users/ana/Documents/site",
+         "/Users/ana/Documents/site/.git", false, "~/Documents/site", false, false},
+        {"privacy folder with access", "/Users/ana/Documents/site",
+         "/Users/ana/Documents/site/.git", true, "~/Documents/site", true, true},
+        {"cloud storage is private too", "/Users/ana/Library/CloudStorage/x", "", false,
+         "~/Library/CloudStorage/x", false, false},
+        {"prefix match is on whole components", "/Users/ana/Documentsx/a",
+         "/Users/ana/Documentsx/a/.git", false, "~/Documentsx/a", true, true},
+        {"outside home, unabbreviated", "/opt/srv/app", "/opt/srv/.git", false, "/opt/srv", true,
          true},
-        {"privacy folder without access: no probe",
-         "/Users/ana/Documents/site",
-         {"/Users/ana/Documents/site/.git"},
-         false,
-         {"~/Documents/site", false},
-         false},
-        {"privacy folder with access",
-         "/Users/ana/Documents/site",
-         {"/Users/ana/Documents/site/.git"},
-         true,
-         {"~/Documents/site", true},
-         true},
-        {"cloud storage is private too",
-         "/Users/ana/Library/CloudStorage/x",
-         {},
-         false,
-         {"~/Library/CloudStorage/x", false},
-         false},
-        {"prefix match is on whole components",
-         "/Users/ana/Documentsx/a",
-         {"/Users/ana/Documentsx/a/.git"},
-         false,
-         {"~/Documentsx/a", true},
-         true},
-        {"outside home, unabbreviated",
-         "/opt/srv/app",
-         {"/opt/srv/.git"},
-         false,
-         {"/opt/srv", true},
-         true},
-        {"root is not walked", "/", {"/.git"}, true, {"/", false}, false},
+        {"root is not walked", "/", "/.git", true, "/", false, false},
     };
     for (const auto& c : cases) {
         FakeFiles files;
-        files.present = c.gitFolders;
-        ProjectResolver resolver(h, c.fullDiskAccess, files.exists());
-        EXPECT_EQ(resolver.resolve(c.cwd), c.expected) << c.what;
+        files.present = {c.gitFolder};
+        ProjectResolver resolver("/Users/ana", c.fullDiskAccess, files.exists());
+        EXPECT_EQ(resolver.resolve(c.cwd), (ProjectInfo{c.project, c.isRepository})) << c.what;
         EXPECT_EQ(!files.probes.empty(), c.expectProbes) << c.what;
     }
 }

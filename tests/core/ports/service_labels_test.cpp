@@ -27,12 +27,6 @@ TEST(LaunchdJobs, ParsesTheListAndSkipsDashesAndShortLines) {
     EXPECT_FALSE(jobs.label(1));
 }
 
-TEST(LaunchdJobs, NoLaunchctlOutputGivesNoLabels) {
-    FakeCommandRunner runner;
-    EXPECT_FALSE(LaunchdJobs::read(runner).label(1));
-    EXPECT_EQ(runner.calls, (std::vector<std::vector<std::string>>{{"/bin/launchctl", "list"}}));
-}
-
 TEST(LaunchdJobs, AUnitsLabelBelongsToItsMainProcessOnly) {
     const std::string code =
         "0::/user.slice/user-1000.slice/user@1000.service/app.slice/"
